@@ -1,0 +1,152 @@
+// Helpers for tests that use real files: a temporary directory, a log capture, running a check
+// as an unprivileged user, and counting open descriptors.
+#pragma once
+
+#include <dirent.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "LogClient.h"
+
+namespace drn::testing {
+
+// A fresh directory (mode 0755) under TMPDIR (or /tmp), removed with everything in it on
+// destruction.
+class TempDir {
+ public:
+  TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/drx_test_XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed");
+    }
+    // Open to other users, so that checks run by RunUnprivileged can reach inside.
+    ::chmod(pattern.c_str(), 0755);
+    root = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    // Give back search and write permission that a test took away, so everything can go.
+    for (auto it = std::filesystem::recursive_directory_iterator(
+             root, std::filesystem::directory_options::skip_permission_denied, ignored);
+         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
+      if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
+        std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                     std::filesystem::perm_options::add, ignored);
+      }
+    }
+    std::filesystem::remove_all(root, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& Path() const { return root; }
+  std::string operator/(const std::string& name) const { return root + "/" + name; }
+
+  // Writes a file (creating missing parent directories) and returns its full path.
+  std::string WriteFile(const std::string& name, const std::string& content) const {
+    const std::string full = *this / name;
+    std::filesystem::create_directories(std::filesystem::path(full).parent_path());
+    std::ofstream(full, std::ios::binary) << content;
+    return full;
+  }
+
+  // Creates a directory (and its parents) and returns its full path.
+  std::string MakeDir(const std::string& name) const {
+    const std::string full = *this / name;
+    std::filesystem::create_directories(full);
+    return full;
+  }
+
+ private:
+  std::string root;
+};
+
+inline std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Collects every record while it lives, with all levels enabled (or the filter given), and puts
+// back the previous sink and filter afterwards.
+class LogCapture {
+ public:
+  explicit LogCapture(LogClient::LevelFilter filter = [](LogLevel) { return true; }) {
+    previousSink = LogClient::SetSink([this](const LogRecord& record) {
+      std::lock_guard<std::mutex> lock(mutex);
+      records.push_back(record);
+    });
+    previousFilter = LogClient::SetLevelFilter(std::move(filter));
+  }
+  ~LogCapture() {
+    LogClient::SetSink(previousSink);
+    LogClient::SetLevelFilter(previousFilter);
+  }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogRecord> Records() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return records;
+  }
+
+ private:
+  mutable std::mutex mutex;
+  std::vector<LogRecord> records;
+  LogClient::Sink previousSink;
+  LogClient::LevelFilter previousFilter;
+};
+
+// The user that permission checks run as.
+constexpr uid_t kUnprivilegedId = 65534;
+
+// Runs check in a forked child that has dropped to an unprivileged user (when running as root)
+// and returns its exit status: 0 when check returned true, 1 when it returned false, 2 when the
+// privileges could not be dropped, 3 when check threw. The child ends with _exit.
+inline int RunUnprivileged(const std::function<bool()>& check) {
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    return -1;
+  }
+  if (pid == 0) {
+    if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(kUnprivilegedId) != 0 ||
+                             ::setuid(kUnprivilegedId) != 0)) {
+      ::_exit(2);
+    }
+    int status = 3;
+    try {
+      status = check() ? 0 : 1;
+    } catch (...) {
+    }
+    ::_exit(status);
+  }
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Open descriptors of this process, for leak checks around code that opens and closes.
+inline int CountOpenDescriptors() {
+  int count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace drn::testing
