@@ -11,7 +11,7 @@ namespace drn {
 // and errno unchanged. The overrides are protected so that a substitute can derive from LinuxApi,
 // override one Do... operation and keep the real behaviour of the rest (an override of one DoOpen
 // or DoIoctl overload hides the others: add a using-declaration for them).
-class LinuxApi : public LinuxApiIF {
+class DRN_EXPORT LinuxApi : public LinuxApiIF {
  public:
   LinuxApi();
   ~LinuxApi() override;

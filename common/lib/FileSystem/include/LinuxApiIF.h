@@ -9,12 +9,14 @@
 
 #include <cstdio>
 
+#include "FileSystemExport.h"
+
 namespace drn {
 
 // Each public operation forwards its arguments unchanged to its protected Do... partner and
 // returns that result unchanged; implementations override only the Do... side. Nothing here
 // checks, translates, logs or throws, and errno is left as the call left it.
-class LinuxApiIF {
+class DRN_EXPORT LinuxApiIF {
  public:
   virtual ~LinuxApiIF();
 

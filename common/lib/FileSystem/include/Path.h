@@ -13,7 +13,7 @@ namespace drn {
 // An immutable path text. Queries reach the file system through the LinuxApiIF given to the
 // constructor (a LinuxApi of its own when that is empty) and cache nothing. A moved-from Path
 // may only be destroyed.
-class Path : public PathIF {
+class DRN_EXPORT Path : public PathIF {
  public:
   explicit Path(std::string_view path, std::unique_ptr<LinuxApiIF> linuxApi = nullptr);
   Path(Path&& other) noexcept;

@@ -4,9 +4,11 @@
 #include <string>
 #include <string_view>
 
+#include "FileSystemExport.h"
+
 namespace drn {
 
-class PathIF {
+class DRN_EXPORT PathIF {
  public:
   virtual ~PathIF();
 

@@ -24,6 +24,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "FileSystemExport.h"
+
 extern "C" {
 #include <i2c/smbus.h>
 }
@@ -33,7 +35,7 @@ namespace drn {
 // Each operation calls the function of the same name with its arguments unchanged and returns
 // its result with errno as the call left it; it never checks, logs or throws. A substitute
 // derives from this class and overrides the operations it scripts.
-class SystemCallWrapper {
+class DRN_EXPORT SystemCallWrapper {
  public:
   virtual ~SystemCallWrapper();
 

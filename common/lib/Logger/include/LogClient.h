@@ -9,6 +9,9 @@
 #include <string_view>
 #include <type_traits>
 
+// Marks what libdrx_Logger exports; everything else is hidden.
+#define DRX_LOGGER_EXPORT __attribute__((visibility("default")))
+
 namespace drn {
 
 // Severities follow the syslog numbering.
@@ -30,7 +33,7 @@ struct LogRecord {
 // One record under construction: built on the stack, filled by insertion and delivered to the
 // sink by its destructor. The constructor, the insertions and LevelIsEnabled leave errno as they
 // found it.
-class LogClient {
+class DRX_LOGGER_EXPORT LogClient {
  public:
   using Sink = std::function<void(const LogRecord&)>;
   using LevelFilter = std::function<bool(LogLevel)>;
