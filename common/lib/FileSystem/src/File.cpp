@@ -177,6 +177,7 @@ File::File(const Options& options, std::unique_ptr<LinuxApiIF> linuxApi)
     impl->writeBuffer.reserve(options.writeBufferSize);
     impl->readBuffer.reserve(std::max<std::size_t>(options.readBufferSize, 1));
   } catch (...) {
+    // No destructor runs for a File whose construction fails: close what Impl opened.
     impl->linuxApi->close(impl->fd);
     throw;
   }
@@ -190,6 +191,7 @@ File::File(File&& other) : std::iostream(nullptr), impl(std::move(other.impl)) {
   if (!impl) {
     return;
   }
+  // From here on this object reaches only its own areas, so either may be destroyed first.
   BindCallbacks();
   setg(other.eback(), other.gptr(), other.egptr());
   setp(other.pbase(), other.epptr());
