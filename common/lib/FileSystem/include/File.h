@@ -36,7 +36,7 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
   // Takes over other's descriptor, buffers, positions and pending output; other may then only be
   // destroyed. The new object is not usable as a stream (no stream buffer, bad state); GetFD
   // works and its destructor flushes and closes.
-  File(File&& other);
+  File(File&& other) noexcept;
 
   // Writes pending output, then closes the descriptor. A moved-from File makes no call.
   ~File() override;

@@ -28,6 +28,7 @@ constexpr LogCategory kCategory = LogCategory::FileSystem;
 // A value that does not fit is a broken contract: gsl::narrow throws, and the exception leaving
 // this noexcept function ends the process through std::terminate.
 template <typename To, typename From>
+// NOLINTNEXTLINE(bugprone-exception-escape): the escape is what ends the process.
 To NarrowOrTerminate(From value) noexcept {
   return gsl::narrow<To>(value);
 }
@@ -187,7 +188,7 @@ File::File(const Options& options, std::unique_ptr<LinuxApiIF> linuxApi)
   setp(write, write + impl->writeBuffer.capacity());
 }
 
-File::File(File&& other) : std::iostream(nullptr), impl(std::move(other.impl)) {
+File::File(File&& other) noexcept : std::iostream(nullptr), impl(std::move(other.impl)) {
   if (!impl) {
     return;
   }
