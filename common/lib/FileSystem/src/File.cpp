@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <gsl/narrow>
 #include <ios>
 #include <limits>
 #include <stdexcept>
@@ -19,19 +18,12 @@
 
 #include "LinuxApi.h"
 #include "Log.h"
+#include "Narrow.h"
 
 namespace drn {
 namespace {
 
 constexpr LogCategory kCategory = LogCategory::FileSystem;
-
-// A value that does not fit is a broken contract: gsl::narrow throws, and the exception leaving
-// this noexcept function ends the process through std::terminate.
-template <typename To, typename From>
-// NOLINTNEXTLINE(bugprone-exception-escape): the escape is what ends the process.
-To NarrowOrTerminate(From value) noexcept {
-  return gsl::narrow<To>(value);
-}
 
 }  // namespace
 
