@@ -197,7 +197,10 @@ TEST_P(UntarArchiveTest, SomethingElseThanAnArchiveFails) {
 
 INSTANTIATE_TEST_SUITE_P(Runners, UntarArchiveTest,
                          ::testing::Values([] { return std::shared_ptr<TarApi>(); },
-                                           [] { return std::make_shared<StreamingTarApi>(); }));
+                                           [] { return std::make_shared<StreamingTarApi>(); }),
+                         [](const auto& info) {
+                           return info.index == 0 ? "Default" : "Streaming";
+                         });
 
 TEST(UntarLargeArchiveTest, OnlyTheStreamingRunnerListsPastThePipe) {
   const TempDir dir;
