@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "FakeProgramDir.h"
 #include "TestHelpers.h"
 
 namespace drn {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "FakeProgramDir.h"
 #include "StreamingTarApi.h"
 #include "TestHelpers.h"
 #include "Untar.h"

@@ -55,12 +55,12 @@ TEST_F(UntarTest, UnusableArchiveThrowsAfterOneRecord) {
       {std::make_shared<Path>(dir.Path()), dir.Path()},
       {nullptr, ""}};
   EXPECT_CALL(*runner, RunCmd(_)).Times(0);
-  for (const auto& [archive, text] : archives) {
+  for (const auto& archive : archives) {
     const LogCapture records;
-    EXPECT_THAT([&] { Untar(archive, runner); },
+    EXPECT_THAT([&] { Untar(archive.first, runner); },
                 ::testing::ThrowsMessage<std::runtime_error>("Path is not a file"));
     EXPECT_THAT(Described(records.Records()),
-                ElementsAre("Impl 3/0x8027: path is not a file: " + text));
+                ElementsAre("Impl 3/0x8027: path is not a file: " + archive.second));
   }
   EXPECT_NO_THROW(Untar(std::make_shared<Path>(file), runner));
 }

@@ -1,5 +1,5 @@
 // Helpers for tests that use real files: a temporary directory, a log capture, running a check
-// in a child process (as an unprivileged user), stand-in programs, and counting open descriptors.
+// as an unprivileged user, and counting open descriptors.
 #pragma once
 
 #include <dirent.h>
@@ -15,7 +15,6 @@
 #include <functional>
 #include <iterator>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -163,45 +162,12 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
   });
 }
 
-// A directory of stand-in programs searched first (or alone) on PATH while it lives; PATH is
-// put back afterwards. Not for tests that run threads while it changes the environment.
-class FakeProgramDir {
- public:
-  enum class Search { First, Only };
-
-  explicit FakeProgramDir(Search search = Search::First) {
-    const char* path = std::getenv("PATH");
-    if (path != nullptr) {
-      previousPath = path;
-    }
-    const std::string searched = search == Search::Only || previousPath.empty()
-                                     ? dir.Path()
-                                     : dir.Path() + ":" + previousPath;
-    ::setenv("PATH", searched.c_str(), 1);
-  }
-  ~FakeProgramDir() {
-    if (previousPath.empty()) {
-      ::unsetenv("PATH");
-    } else {
-      ::setenv("PATH", previousPath.c_str(), 1);
-    }
-  }
-  FakeProgramDir(const FakeProgramDir&) = delete;
-  FakeProgramDir& operator=(const FakeProgramDir&) = delete;
-
-  // Writes an executable /bin/sh script called name that runs body; returns its full path.
-  std::string AddScript(const std::string& name, const std::string& body) const {
-    const std::string full = dir.WriteFile(name, "#!/bin/sh\n" + body + "\n");
-    ::chmod(full.c_str(), 0755);
-    return full;
-  }
-
-  const TempDir& Dir() const { return dir; }
-
- private:
-  TempDir dir;
-  std::string previousPath;
-};
+// True while this process has a child, running or ended but not yet reaped (a zombie). Reaps
+// nothing.
+inline bool HasChildProcesses() {
+  siginfo_t info{};
+  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+}
 
 // Open descriptors of this process, for leak checks around code that opens and closes.
 inline int CountOpenDescriptors() {
@@ -210,13 +176,6 @@ inline int CountOpenDescriptors() {
     ++count;
   }
   return count;
-}
-
-// True while this process has a child, running or ended but not yet reaped (a zombie). Reaps
-// nothing.
-inline bool HasChildProcesses() {
-  siginfo_t info{};
-  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
 }
 
 }  // namespace drn::testing
