@@ -24,7 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Deadline = std::optional<Clock::time_point>;
 
-constexpr std::size_t kReadSize = 64 * 1024;
+constexpr std::size_t kReadSize = std::size_t{64} * 1024;
 // What TarApi's child ends with when it cannot start tar: exit(-1).
 constexpr int kChildFailed = 255;
 
