@@ -96,20 +96,6 @@ INSTANTIATE_TEST_SUITE_P(Ends, ClosePipeTest,
                          ::testing::Values(CloseCase{true, true, 0}, CloseCase{false, true, 0},
                                            CloseCase{true, false, 0}, CloseCase{false, false, -1}));
 
-TEST(TarApiTest, OutputIsBoundedByThePipe) {
-  const LogCapture log;
-  const testing::FakeProgramDir programs;
-  programs.AddScript("tar", "head -c 300000 /dev/zero");
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  const int capacity = ::fcntl(fds[0], F_GETPIPE_SZ);
-  ClosePipe(fds[0], fds[1]);
-  std::vector<std::string> args;
-  const auto [output, status] = TarApi().RunCmd(args);
-  EXPECT_LE(output.size(), static_cast<std::size_t>(capacity));
-  EXPECT_NE(status, 0);  // the stand-in met the full pipe
-}
-
 TEST(TarApiTest, IgnoredChildSignalMakesTheWaitFail) {
   const testing::FakeProgramDir programs;
   programs.AddScript("tar", "exit 0");

@@ -113,16 +113,6 @@ TEST_F(UntarTest, FailedRunsGiveTheStatusAndNoList) {
                           "DoFileList 3/0x8027: Tar command failed: -24, "));
 }
 
-TEST_F(UntarTest, RunnerExceptionsPassThrough) {
-  EXPECT_CALL(*runner, RunCmd(_))
-      .WillRepeatedly([](std::vector<std::string>&) -> std::pair<std::string, int> {
-        throw std::runtime_error("child process did not exit");
-      });
-  Untar untar(ArchivePath(), runner);
-  EXPECT_THROW(untar.FileList(), std::runtime_error);
-  EXPECT_THROW(untar.Extract(std::make_shared<Path>(dir.Path())), std::runtime_error);
-}
-
 struct ListingCase {
   const char* name;
   std::string output;
