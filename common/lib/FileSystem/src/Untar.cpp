@@ -129,7 +129,7 @@ Untar::~Untar() = default;
 Untar::Untar(Untar&& other) noexcept = default;
 Untar& Untar::operator=(Untar&& other) noexcept = default;
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): overrides receive their own copy.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface hands each override a copy.
 int Untar::DoExtract(std::shared_ptr<PathIF> destination) {
   if (!destination || !destination->Exists() || !destination->IsDirectory()) {
     DRN_LOG(LogLevel::Error, LogCategory::Tar)
