@@ -16,25 +16,7 @@ class FakeProgramDir {
  public:
   enum class Search { First, Only };
 
-  explicit FakeProgramDir(Search search = Search::First) {
-    const char* path = std::getenv("PATH");
-    if (path != nullptr) {
-      previousPath = path;
-    }
-    const std::string searched = search == Search::Only || previousPath.empty()
-                                     ? dir.Path()
-                                     : dir.Path() + ":" + previousPath;
-    ::setenv("PATH", searched.c_str(), 1);
-  }
-  ~FakeProgramDir() {
-    if (previousPath.empty()) {
-      ::unsetenv("PATH");
-    } else {
-      ::setenv("PATH", previousPath.c_str(), 1);
-    }
-  }
-  FakeProgramDir(const FakeProgramDir&) = delete;
-  FakeProgramDir& operator=(const FakeProgramDir&) = delete;
+  explicit FakeProgramDir(Search search = Search::First) : path("PATH", Searched(search)) {}
 
   // Writes an executable /bin/sh script called name that runs body; returns its full path.
   std::string AddScript(const std::string& name, const std::string& body) const {
@@ -46,8 +28,15 @@ class FakeProgramDir {
   const TempDir& Dir() const { return dir; }
 
  private:
+  std::string Searched(Search search) const {
+    const char* rest = std::getenv("PATH");
+    // An empty entry would search the working directory.
+    return search == Search::Only || rest == nullptr || *rest == '\0' ? dir.Path()
+                                                                      : dir.Path() + ":" + rest;
+  }
+
   TempDir dir;
-  std::string previousPath;
+  ScopedEnvironmentVariable path;
 };
 
 }  // namespace drn::testing
