@@ -26,15 +26,12 @@ inline File::Options Buffers(std::uint32_t readBufferSize, std::uint32_t writeBu
   return options;
 }
 
-inline File OpenPath(const std::string& path, File::Options options,
-                     std::unique_ptr<LinuxApiIF> api = nullptr) {
+// Opens path, or a new in-memory file when path is empty.
+inline File Open(const std::string& path, File::Options options,
+                 std::unique_ptr<LinuxApiIF> api = nullptr) {
   const Path text(path);
-  options.path = &text;
-  return File(options, std::move(api));
-}
-
-inline File OpenInMemory(File::Options options, std::unique_ptr<LinuxApiIF> api = nullptr) {
-  options.inMemory = true;
+  options.inMemory = path.empty();
+  options.path = path.empty() ? nullptr : &text;
   return File(options, std::move(api));
 }
 
@@ -61,15 +58,11 @@ auto Fail(int error, Result result) {
   };
 }
 
-inline std::string ErrorText(const char* prefix, int error) {
-  return prefix + std::string(std::strerror(error));
-}
-
-// A record of File's source, in category 0x8010.
+// A record of File's source, in category 0x8010; a non-zero error appends its strerror text.
 inline ::testing::Matcher<const LogRecord&> FileRecord(const std::string& function, LogLevel level,
-                                                       const std::string& text) {
+                                                       const std::string& text, int error = 0) {
   return IsRecord("common/lib/FileSystem/src/File.cpp", function, level, LogCategory::FileSystem,
-                  text);
+                  error == 0 ? text : text + std::strerror(error));
 }
 
 }  // namespace drn::testing

@@ -1,78 +1,62 @@
 // File::CreateFile, RecreateFile and GetFileSize on real files.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
-#include "File.h"
-#include "TestHelpers.h"
+#include "FileTestSupport.h"
 
 namespace drn {
 namespace {
 
-using testing::LogCapture;
-using testing::ReadWholeFile;
-using testing::TempDir;
+using namespace drn::testing;
 
-TEST(FileUtilityTest, CreateKeepsAnExistingFile) {
+TEST(FileUtilityTest, CreateKeepsAndRecreateEmptiesWhatExistsAndBothMakeWhatIsMissing) {
   const TempDir dir;
-  const std::string file = dir.WriteFile("f", "contents");
-  ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
-  EXPECT_TRUE(File::CreateFile(file));
-  EXPECT_EQ(ReadWholeFile(file), "contents");
-  struct stat status {};
-  ASSERT_EQ(::stat(file.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600u);
-}
-
-TEST(FileUtilityTest, CreateAndRecreateMakeMissingFiles) {
-  const TempDir dir;
-  const mode_t previousMask = ::umask(022);
-  EXPECT_TRUE(File::CreateFile(dir / "a"));
-  EXPECT_TRUE(File::RecreateFile(dir / "b"));
-  ::umask(previousMask);
-  for (const char* name : {"a", "b"}) {
-    struct stat status {};
-    ASSERT_EQ(::stat((dir / name).c_str(), &status), 0);
-    EXPECT_TRUE(S_ISREG(status.st_mode));
-    EXPECT_EQ(status.st_mode & 0777, 0644u) << name;
-    EXPECT_EQ(status.st_size, 0);
+  for (const char* name : {"kept", "emptied"}) {
+    ASSERT_EQ(::chmod(dir.WriteFile(name, "contents").c_str(), 0600), 0);
   }
-}
-
-TEST(FileUtilityTest, RecreateEmptiesAnExistingFile) {
-  const TempDir dir;
-  const std::string file = dir.WriteFile("f", "contents");
-  EXPECT_TRUE(File::RecreateFile(file));
-  EXPECT_EQ(File::GetFileSize(file), 0u);
+  const mode_t previousMask = ::umask(022);
+  EXPECT_TRUE(File::CreateFile(dir / "kept") && File::RecreateFile(dir / "emptied"));
+  EXPECT_TRUE(File::CreateFile(dir / "created") && File::RecreateFile(dir / "recreated"));
+  ::umask(previousMask);
+  const struct {
+    const char* name;
+    mode_t mode;
+    const char* contents;
+  } expected[] = {{"kept", 0600, "contents"},
+                  {"emptied", 0600, ""},
+                  {"created", 0644, ""},
+                  {"recreated", 0644, ""}};
+  for (const auto& file : expected) {
+    struct stat status {};
+    ASSERT_EQ(::stat((dir / file.name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & (S_IFMT | 0777), S_IFREG | file.mode) << file.name;
+    EXPECT_EQ(ReadWholeFile(dir / file.name), file.contents);
+    EXPECT_EQ(File::GetFileSize(dir / file.name), std::strlen(file.contents));
+  }
+  // The size is the target's through a link, and 0 for what cannot be examined.
+  std::filesystem::create_symlink(dir / "kept", dir / "link");
+  EXPECT_EQ(File::GetFileSize(dir / "link"), 8u);
+  EXPECT_EQ(File::GetFileSize(dir / "missing"), 0u);
 }
 
 TEST(FileUtilityTest, FailuresAreLoggedAndReported) {
   const TempDir dir;
   const LogCapture capture;
-  const std::string missingParent = dir / "no/such";
-  EXPECT_FALSE(File::CreateFile(missingParent));
+  EXPECT_FALSE(File::CreateFile(dir / "no/such"));
   EXPECT_FALSE(File::RecreateFile(dir.Path()));  // a directory: EISDIR
-  const auto records = capture.Records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].text, "Could not open " + missingParent + "(" + std::strerror(ENOENT) + ")");
-  EXPECT_EQ(records[0].function, "CreateFile");
-  EXPECT_EQ(records[0].file, "common/lib/FileSystem/src/File.cpp");
-  EXPECT_EQ(records[0].level, LogLevel::Error);
-  EXPECT_EQ(records[0].category, LogCategory::FileSystem);
-  EXPECT_EQ(records[1].text, "Could not open " + dir.Path() + "(" + std::strerror(EISDIR) + ")");
-  EXPECT_EQ(records[1].function, "RecreateFile");
-}
-
-TEST(FileUtilityTest, SizeFollowsLinksAndIsZeroWhenUnknown) {
-  const TempDir dir;
-  const std::string file = dir.WriteFile("f", std::string(12345, 'x'));
-  std::filesystem::create_symlink(file, dir / "link");
-  EXPECT_EQ(File::GetFileSize(file), 12345u);
-  EXPECT_EQ(File::GetFileSize(dir / "link"), 12345u);
-  EXPECT_EQ(File::GetFileSize(dir / "missing"), 0u);
+  const auto text = [](const std::string& path, int error) {
+    return "Could not open " + path + "(" + std::strerror(error) + ")";
+  };
+  EXPECT_THAT(capture.Records(),
+              ::testing::ElementsAre(
+                  FileRecord("CreateFile", LogLevel::Error, text(dir / "no/such", ENOENT)),
+                  FileRecord("RecreateFile", LogLevel::Error, text(dir.Path(), EISDIR))));
 }
 
 }  // namespace
