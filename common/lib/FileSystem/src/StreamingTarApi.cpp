@@ -22,7 +22,12 @@ namespace drn {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Deadline = std::optional<Clock::time_point>;
+// When the run must have ended; the largest time point stands for none. (A plain time point
+// rather than an optional: g++ -O3 warns about an optional time point it cannot follow.)
+struct Deadline {
+  Clock::time_point when = Clock::time_point::max();
+  explicit operator bool() const { return when != Clock::time_point::max(); }
+};
 
 constexpr std::size_t kReadSize = std::size_t{64} * 1024;
 // What TarApi's child ends with when it cannot start tar: exit(-1).
@@ -43,7 +48,8 @@ int MillisecondsLeft(const Deadline& deadline) {
   if (!deadline) {
     return -1;
   }
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline.when - Clock::now()).count();
   return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
 }
 
@@ -230,8 +236,7 @@ std::pair<std::string, int> StreamingTarApi::RunCmd(std::vector<std::string>& ar
   Descriptor readEnd(fds[0]);
   Descriptor writeEnd(fds[1]);
   std::vector<char*> argv = ConvertArgs(args);
-  const Deadline deadline =
-      impl->timeout ? Deadline(Clock::now() + *impl->timeout) : Deadline(std::nullopt);
+  const Deadline deadline = impl->timeout ? Deadline{Clock::now() + *impl->timeout} : Deadline{};
 
   const ChildrenKept childrenKept;
   const pid_t pid = ::fork();
