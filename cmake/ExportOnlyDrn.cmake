@@ -8,6 +8,10 @@ function(drx_export_only_drn target)
   set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden
                                              VISIBILITY_INLINES_HIDDEN ON
                                              LINK_DEPENDS ${DRX_EXPORT_MAP})
-  target_link_options(${target} PRIVATE LINKER:--no-undefined
-                                        LINKER:--version-script=${DRX_EXPORT_MAP})
+  target_link_options(${target} PRIVATE LINKER:--version-script=${DRX_EXPORT_MAP})
+  # Every symbol the library needs must come from its declared dependencies (clang's sanitizer
+  # runtimes are linked into executables only, so fuzzing builds leave this check out).
+  if(NOT DRX_BUILD_FUZZERS)
+    target_link_options(${target} PRIVATE LINKER:--no-undefined)
+  endif()
 endfunction()

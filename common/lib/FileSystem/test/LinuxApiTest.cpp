@@ -101,6 +101,10 @@ const ForwardingCase kForwardingCases[] = {
 
 #undef FORWARDS
 
+void PrintTo(const ForwardingCase& value, std::ostream* os) {
+  *os << value.name;
+}
+
 class LinuxApiForwardingTest : public ::testing::TestWithParam<ForwardingCase> {};
 
 TEST_P(LinuxApiForwardingTest, OneCallWithUnchangedArgumentsAndResult) {
@@ -126,6 +130,10 @@ struct FailureCase {
   std::function<bool(LinuxApiIF&)> failed;
   int expectedErrno;
 };
+
+void PrintTo(const FailureCase& value, std::ostream* os) {
+  *os << value.name;
+}
 
 class LinuxApiFailureTest : public ::testing::TestWithParam<FailureCase> {};
 

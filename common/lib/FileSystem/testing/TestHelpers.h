@@ -1,5 +1,6 @@
 // Helpers for tests that use real files: a temporary directory, a log capture, running a check
-// as an unprivileged user, and counting open descriptors.
+// as an unprivileged user, counting open descriptors, listing a tree, and scoped changes of the
+// environment and the working directory.
 #pragma once
 
 #include <dirent.h>
@@ -8,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -15,8 +17,10 @@
 #include <functional>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LogClient.h"
@@ -148,5 +152,58 @@ inline int CountOpenDescriptors() {
   }
   return count;
 }
+
+// Every entry below root (symbolic links not followed) as its path relative to root, sorted:
+// compare two listings to see whether anything in a tree was added, removed or renamed.
+inline std::vector<std::string> ListTree(const std::string& root) {
+  std::vector<std::string> entries;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+    entries.push_back(std::filesystem::relative(entry.path(), root).string());
+  }
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
+
+// Sets an environment variable while it lives and puts back the previous value (or its absence).
+class ScopedEnvironmentVariable {
+ public:
+  ScopedEnvironmentVariable(std::string name, const std::string& value) : name(std::move(name)) {
+    if (const char* previousValue = std::getenv(this->name.c_str())) {
+      previous = previousValue;
+    }
+    ::setenv(this->name.c_str(), value.c_str(), 1);
+  }
+  ~ScopedEnvironmentVariable() {
+    if (previous) {
+      ::setenv(name.c_str(), previous->c_str(), 1);
+    } else {
+      ::unsetenv(name.c_str());
+    }
+  }
+  ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+  ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+
+ private:
+  std::string name;
+  std::optional<std::string> previous;
+};
+
+// Makes directory the working directory while it lives and goes back afterwards.
+class ScopedWorkingDirectory {
+ public:
+  explicit ScopedWorkingDirectory(const std::string& directory)
+      : previous(std::filesystem::current_path()) {
+    std::filesystem::current_path(directory);
+  }
+  ~ScopedWorkingDirectory() {
+    std::error_code ignored;
+    std::filesystem::current_path(previous, ignored);
+  }
+  ScopedWorkingDirectory(const ScopedWorkingDirectory&) = delete;
+  ScopedWorkingDirectory& operator=(const ScopedWorkingDirectory&) = delete;
+
+ private:
+  std::filesystem::path previous;
+};
 
 }  // namespace drn::testing

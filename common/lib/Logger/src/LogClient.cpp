@@ -30,9 +30,9 @@ bool DefaultFilter(LogLevel level) {
 }
 
 void DefaultSink(const LogRecord& record) {
-  std::fprintf(stderr, "<%d> 0x%04x %s:%d %s: %s\n", static_cast<int>(record.level),
-               static_cast<unsigned>(record.category), record.file.c_str(), record.line,
-               record.function.c_str(), record.text.c_str());
+  (void)std::fprintf(stderr, "<%d> 0x%04x %s:%d %s: %s\n", static_cast<int>(record.level),
+                     static_cast<unsigned>(record.category), record.file.c_str(), record.line,
+                     record.function.c_str(), record.text.c_str());
 }
 
 struct State {
