@@ -12,6 +12,10 @@ namespace CLI {
 class App;
 }  // namespace CLI
 
+namespace drn {
+class PathIF;
+}  // namespace drn
+
 namespace drn::drxfs {
 
 // One subcommand and what it does once the command line has been parsed. run reports success
@@ -31,10 +35,25 @@ class Failure : public std::runtime_error {
 // reason, followed by the text of error when error is not 0.
 std::string Reason(const std::string& reason, int error);
 
+// What a command needs to find at a path.
+enum class Expect { Anything, NoDirectory, Directory };
+
+// Throws Failure when path is missing or is not what expect asks for.
+void Require(const PathIF& path, Expect expect);
+
+// Takes over the library's log records: those of logLevel and below (0 to 7; -1 when not given:
+// DRX_LOG_LEVEL decides, or only critical ones when that is unset) go to standard error, and
+// every error record is kept for ThrowOnLibraryError.
+void WatchLibraryLog(int logLevel);
+
+// Throws Failure(path, the record's text) when the library logged an error since the last throw.
+void ThrowOnLibraryError(const std::string& path);
+
 // The registration of each command family: adds its subcommands to app and their actions to
 // commands.
 void AddPathCommands(CLI::App& app, Commands& commands);
 void AddFileCommands(CLI::App& app, Commands& commands);
+void AddDirectoryCommands(CLI::App& app, Commands& commands);
 
 // How a command that reports figures or lists prints them.
 struct Report {

@@ -1,7 +1,6 @@
 // drxfs touch, truncate and size: the library's by-name file helpers.
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -39,13 +38,7 @@ void AddSizeCommand(CLI::App& app, Commands& commands) {
   AddReportOptions(*command, *report, true);
   commands.push_back({command, [file, report] {
                         // The size helper answers 0 for a missing file; make that an error.
-                        const Path path(*file);
-                        if (!path.Exists()) {
-                          throw Failure(*file, std::strerror(ENOENT));
-                        }
-                        if (path.IsDirectory()) {
-                          throw Failure(*file, std::strerror(EISDIR));
-                        }
+                        Require(Path(*file), Expect::NoDirectory);
                         const std::uint64_t size = File::GetFileSize(*file);
                         if (report->json) {
                           PrintJson({{"path", *file}, {"bytes", size}});

@@ -1,12 +1,14 @@
 // drxfs: failures, size formatting and JSON output shared by the commands.
 #include <CLI/CLI.hpp>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "Command.h"
+#include "PathIF.h"
 
 namespace drn::drxfs {
 
@@ -15,6 +17,19 @@ Failure::Failure(const std::string& path, const std::string& reason)
 
 std::string Reason(const std::string& reason, int error) {
   return error == 0 ? reason : reason + ": " + std::strerror(error);
+}
+
+void Require(const PathIF& path, Expect expect) {
+  const std::string text(path.GetPath());
+  if (!path.Exists()) {
+    throw Failure(text, std::strerror(ENOENT));
+  }
+  if (expect == Expect::NoDirectory && path.IsDirectory()) {
+    throw Failure(text, std::strerror(EISDIR));
+  }
+  if (expect == Expect::Directory && !path.IsDirectory()) {
+    throw Failure(text, std::strerror(ENOTDIR));
+  }
 }
 
 void AddReportOptions(CLI::App& command, Report& report, bool sizes) {

@@ -1,12 +1,10 @@
 // drxfs: the file-system library on the command line, for the people who keep devices running.
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
 
 #include "Command.h"
-#include "LogClient.h"
 
 namespace drn::drxfs {
 namespace {
@@ -14,9 +12,6 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
 constexpr int kUnsetLogLevel = -1;
-// Without --log-level or DRX_LOG_LEVEL only critical records appear, so that a failure is the
-// one line that drxfs itself writes.
-constexpr int kQuietLogLevel = 2;
 
 constexpr const char* kFooter =
     "Exit status: 0 on success, 1 when the operation failed, 2 on a usage error.\n"
@@ -35,17 +30,6 @@ std::string CommandName(const CLI::App& app) {
     selected = chosen.front();
     name += " " + selected->get_name();
   }
-}
-
-void SetLogLevel(int level) {
-  if (level == kUnsetLogLevel) {
-    const char* fromEnvironment = std::getenv("DRX_LOG_LEVEL");
-    if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
-      return;
-    }
-    level = kQuietLogLevel;
-  }
-  LogClient::SetLevelFilter([level](LogLevel record) { return static_cast<int>(record) <= level; });
 }
 
 int Run(const CLI::App& app, const Command& command) {
@@ -82,6 +66,7 @@ int Main(int argc, char** argv) {
   Commands commands;
   AddPathCommands(app, commands);
   AddFileCommands(app, commands);
+  AddDirectoryCommands(app, commands);
 
   try {
     app.parse(argc, argv);
@@ -89,7 +74,7 @@ int Main(int argc, char** argv) {
     const int status = app.exit(error);
     return status == 0 ? 0 : kUsageError;
   }
-  SetLogLevel(logLevel);
+  WatchLibraryLog(logLevel);
   for (const Command& command : commands) {
     if (command.app->parsed()) {
       return Run(app, command);
