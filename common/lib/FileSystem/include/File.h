@@ -2,6 +2,7 @@
 // that create, recreate and measure files by name.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <istream>
 #include <memory>
@@ -32,9 +33,10 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
   // makes the File use a LinuxApi of its own.
   explicit File(const Options& options, std::unique_ptr<LinuxApiIF> linuxApi = nullptr);
 
-  // Takes over other's descriptor, buffers and positions. The new object is not usable as a
-  // stream (no stream buffer, bad state); GetFD works and its destructor flushes and closes.
-  File(File&& other);
+  // Takes over other's descriptor, buffers, positions and pending output; other may then only be
+  // destroyed. The new object is not usable as a stream (no stream buffer, bad state); GetFD
+  // works and its destructor flushes and closes.
+  File(File&& other) noexcept;
 
   // Writes pending output, then closes the descriptor. A moved-from File makes no call.
   ~File() override;
@@ -46,6 +48,11 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
   // Both bases declare these; the stream's are the ones users mean.
   using std::basic_ios<char>::getloc;
   using std::basic_ios<char>::imbue;
+  using std::iostream::char_type;
+  using std::iostream::int_type;
+  using std::iostream::off_type;
+  using std::iostream::pos_type;
+  using std::iostream::traits_type;
 
   // The File's own descriptor; it stays owned by the File and must not be closed by the caller.
   int GetFD() { return DoGetFD(); }
@@ -74,6 +81,12 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
 
  private:
   struct Impl;
+
+  // Points impl's callbacks at this object's stream-buffer part.
+  void BindCallbacks();
+  // Moves the put pointer forward by count characters (pbump only takes an int).
+  void AdvancePut(std::ptrdiff_t count);
+
   std::unique_ptr<Impl> impl;
 };
 
