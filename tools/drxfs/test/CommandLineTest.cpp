@@ -32,7 +32,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(DrxfsHelpTest, EveryCommandHasHelp) {
   const DrxfsResult top = RunDrxfs({"--help"});
   EXPECT_EQ(top.status, 0);
-  for (const char* command : {"path", "touch", "truncate", "size", "df", "du", "mkdir", "empty"}) {
+  for (const char* command :
+       {"path", "touch", "truncate", "size", "cat", "write", "df", "du", "mkdir", "empty"}) {
     EXPECT_NE(top.out.find(std::string("  ") + command + " "), std::string::npos) << command;
     const DrxfsResult help = RunDrxfs({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;

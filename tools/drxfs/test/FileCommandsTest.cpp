@@ -1,10 +1,11 @@
-// drxfs path, touch, truncate and size on real files.
+// drxfs path, touch, truncate, size, cat and write on real files.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "Path.h"
 #include "RunDrxfs.h"
 
 namespace drn {
@@ -76,6 +77,40 @@ INSTANTIATE_TEST_SUITE_P(Sizes, DrxfsSizeTest,
                            return std::to_string(info.param.bytes) + "Bytes";
                          });
 
+// Every byte value, over several 64 KiB blocks and a partial one.
+std::string BinaryContent() {
+  std::string content(200000, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) {
+    content[i] = static_cast<char>((i * 7 + i / 256) % 256);
+  }
+  return content;
+}
+
+TEST(DrxfsCatTest, CopiesEveryByte) {
+  const TempDir dir;
+  const std::string content = BinaryContent();
+  const DrxfsResult result = RunDrxfs({"cat", dir.WriteFile("f", content)});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(result.out == content) << "different output of " << result.out.size() << " bytes";
+  EXPECT_EQ(RunDrxfs({"cat", dir.WriteFile("empty", "")}).out, "");
+}
+
+TEST(DrxfsWriteTest, WritesFromTheFirstByteAndKeepsWhatLiesBeyond) {
+  const TempDir dir;
+  const std::string small = dir.WriteFile("small", "0123456789");
+  EXPECT_EQ(RunDrxfs({"write", small}, "ab").status, 0);
+  EXPECT_EQ(ReadWholeFile(small), "ab23456789");
+
+  const std::string content = BinaryContent();
+  const std::string big = dir.WriteFile("big", "");
+  const DrxfsResult result = RunDrxfs({"write", big}, content);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(ReadWholeFile(big) == content);
+
+  EXPECT_EQ(RunDrxfs({"write", dir / "missing"}, "x").status, 1);
+  EXPECT_FALSE(Path(dir / "missing").Exists());
+}
+
 class DrxfsFileFailureTest : public ::testing::TestWithParam<DrxfsFailureCase> {};
 
 TEST_P(DrxfsFileFailureTest, FailsWithOneLineNamingPathAndReason) {
@@ -90,7 +125,12 @@ INSTANTIATE_TEST_SUITE_P(
         DrxfsFailureCase{"SizeOfMissing", {"size", "@/missing"}, "No such file"},
         DrxfsFailureCase{"SizeOfDirectory", {"size", "@/sub"}, "Is a directory"},
         DrxfsFailureCase{"TouchInMissingDirectory", {"touch", "@/no/f"}, "No such file"},
-        DrxfsFailureCase{"TruncateDirectory", {"truncate", "@/sub"}, "Is a directory"}),
+        DrxfsFailureCase{"TruncateDirectory", {"truncate", "@/sub"}, "Is a directory"},
+        DrxfsFailureCase{"CatOfDirectory", {"cat", "@/sub"}, "Is a directory"},
+        DrxfsFailureCase{"WriteToMissing", {"write", "@/missing"}, "No such file"},
+        // Reading address 0 of the process fails: a read error is not an end of file.
+        DrxfsFailureCase{"CatReadError", {"cat", "/proc/self/mem"}, "Input/output error"},
+        DrxfsFailureCase{"WriteError", {"write", "/dev/full"}, "No space left"}),
     testing::FailureCaseName);
 
 }  // namespace

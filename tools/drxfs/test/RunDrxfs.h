@@ -89,13 +89,14 @@ struct DrxfsFailureCase {
   const char* reason;
 };
 
-// Runs the case in dir and expects one line naming the path and the reason, and status 1.
+// Runs the case in dir, with a line on standard input, and expects status 1 and one line naming
+// the path and the reason.
 inline void ExpectFailureCase(const TempDir& dir, const DrxfsFailureCase& failure) {
   std::vector<std::string> args;
   for (const std::string& arg : failure.args) {
     args.push_back(arg[0] == '@' ? dir.Path() + arg.substr(1) : arg);
   }
-  const DrxfsResult result = RunDrxfs(args);
+  const DrxfsResult result = RunDrxfs(args, "input\n");
   ExpectOneLineFailure(result, 1);
   EXPECT_NE(result.err.find(args.back()), std::string::npos) << result.err;
   EXPECT_NE(result.err.find(failure.reason), std::string::npos) << result.err;
