@@ -1,16 +1,13 @@
 // drxfs: what the commands share: their registration, their failures and their output.
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-namespace CLI {
-class App;
-}  // namespace CLI
 
 namespace drn {
 class PathIF;

@@ -28,19 +28,10 @@ std::unique_ptr<Directory> MakeDirectory(const std::shared_ptr<Path>& path) {
 // Runs action with standard error sent to a temporary file and returns what was written there:
 // the message of a shell command that the library runs, kept for the one failure line.
 std::string CaptureStandardError(const std::function<void()>& action) {
-  std::cerr.flush();
-  std::FILE* capture = std::tmpfile();
-  const int saved = capture != nullptr ? ::dup(STDERR_FILENO) : -1;
-  if (saved < 0 || ::dup2(::fileno(capture), STDERR_FILENO) < 0) {
-    if (saved >= 0) {
-      ::close(saved);
-    }
-    if (capture != nullptr) {
-      std::fclose(capture);
-    }
-    action();
-    return "";
-  }
+  struct CloseFile {
+    // A temporary file: nothing is lost when closing it fails.
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+  };
   struct Restore {
     int saved;
     ~Restore() {
@@ -48,16 +39,25 @@ std::string CaptureStandardError(const std::function<void()>& action) {
       ::close(saved);
     }
   };
+  std::cerr.flush();
+  const std::unique_ptr<std::FILE, CloseFile> capture(std::tmpfile());
+  const int saved = capture ? ::dup(STDERR_FILENO) : -1;
+  if (saved < 0 || ::dup2(::fileno(capture.get()), STDERR_FILENO) < 0) {
+    if (saved >= 0) {
+      ::close(saved);
+    }
+    action();
+    return "";
+  }
   {
     const Restore restore{saved};
     action();
   }
   std::string text;
-  std::rewind(capture);
-  for (int c = std::fgetc(capture); c != EOF; c = std::fgetc(capture)) {
+  std::rewind(capture.get());
+  for (int c = std::fgetc(capture.get()); c != EOF; c = std::fgetc(capture.get())) {
     text.push_back(static_cast<char>(c));
   }
-  std::fclose(capture);
   return text;
 }
 

@@ -55,8 +55,8 @@ std::string FormatSize(std::uint64_t bytes, bool human) {
     ++unit;
   }
   std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%.1f %s", value, kUnits[unit]);
-  return text.data();
+  const int length = std::snprintf(text.data(), text.size(), "%.1f %s", value, kUnits[unit]);
+  return std::string(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
 }
 
 void PrintJson(const nlohmann::json& value) {

@@ -88,5 +88,11 @@ int Main(int argc, char** argv) {
 }  // namespace drn::drxfs
 
 int main(int argc, char** argv) {
-  return drn::drxfs::Main(argc, argv);
+  try {
+    return drn::drxfs::Main(argc, argv);
+  } catch (const std::exception& error) {
+    // Only setting up the command line or running out of memory gets here.
+    std::cerr << "drxfs: " << error.what() << '\n';
+    return 1;
+  }
 }
