@@ -230,8 +230,10 @@ std::pair<std::string, int> StreamingTarApi::RunCmd(std::vector<std::string>& ar
   Descriptor readEnd(fds[0]);
   Descriptor writeEnd(fds[1]);
   std::vector<char*> argv = ConvertArgs(args);
-  const Deadline deadline =
-      impl->timeout ? Deadline(Clock::now() + *impl->timeout) : Deadline(std::nullopt);
+  Deadline deadline;
+  if (impl->timeout) {
+    deadline.emplace(Clock::now() + *impl->timeout);
+  }
 
   const ChildrenKept childrenKept;
   const pid_t pid = ::fork();
