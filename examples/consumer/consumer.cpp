@@ -1,4 +1,4 @@
-// Uses the installed library: paths, the by-name file helpers, the log records, and a derived
+// Uses the installed library: paths, files, a directory, the log records, and a derived
 // system-call layer that the library calls back. Exits 1 when any answer is wrong.
 #include <unistd.h>
 
@@ -8,10 +8,12 @@
 #include <memory>
 #include <string>
 
+#include "Directory.h"
 #include "File.h"
 #include "LinuxApi.h"
 #include "LogClient.h"
 #include "Path.h"
+#include "SystemCallWrapper.h"
 
 namespace {
 
@@ -60,10 +62,22 @@ int main() {
   ok &= Check(path.Basename() == "hello.txt", "wrong base name");
   ok &= Check(accessCalls > 0, "the derived system-call layer was not called");
   ok &= Check(drn::File::GetFileSize(file) == 0, "a new file is not empty");
+  {
+    drn::File::Options options;
+    options.path = &path;
+    options.openForWrite = true;
+    options.writeBufferSize = 64;
+    drn::File output(options);
+    output << "hello" << std::flush;
+    ok &= Check(static_cast<bool>(output), "writing through File failed");
+  }
+  drn::Directory directory(std::make_shared<drn::Path>(dir),
+                           std::make_shared<drn::SystemCallWrapper>());
+  ok &= Check(directory.GetDirectorySize() == 5, "the directory does not hold the 5 bytes");
   ok &= Check(!drn::File::CreateFile(dir + "/missing/f") && records == 1,
               "a failed create made no log record");
 
-  std::cout << "consumer: " << path.GetPath() << " exists, " << drn::File::GetFileSize(file)
+  std::cout << "consumer: " << path.GetPath() << " holds " << drn::File::GetFileSize(file)
             << " bytes, " << records << " log record for the failure\n";
   ::unlink(file.c_str());
   ::rmdir(dir.c_str());

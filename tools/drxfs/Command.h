@@ -43,14 +43,30 @@ void Require(const PathIF& path, Expect expect);
 // every error record is kept for ThrowOnLibraryError.
 void WatchLibraryLog(int logLevel);
 
-// Throws Failure(path, the record's text) when the library logged an error since the last throw.
+// Throws Failure(path, the record's text on one line) when the library logged an error since
+// the last throw.
 void ThrowOnLibraryError(const std::string& path);
+
+// Runs operation and returns its result. An exception from the library becomes a Failure for
+// path, with the library's latest error record as the reason or else the exception's text.
+template <typename Operation>
+auto ForPath(const std::string& path, Operation&& operation) -> decltype(operation()) {
+  try {
+    return operation();
+  } catch (const Failure&) {
+    throw;
+  } catch (const std::exception& error) {
+    ThrowOnLibraryError(path);
+    throw Failure(path, error.what());
+  }
+}
 
 // The registration of each command family: adds its subcommands to app and their actions to
 // commands.
 void AddPathCommands(CLI::App& app, Commands& commands);
 void AddFileCommands(CLI::App& app, Commands& commands);
 void AddDirectoryCommands(CLI::App& app, Commands& commands);
+void AddTarCommands(CLI::App& app, Commands& commands);
 
 // How a command that reports figures or lists prints them.
 struct Report {

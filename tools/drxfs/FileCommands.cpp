@@ -62,12 +62,7 @@ std::unique_ptr<File> OpenFile(const Path& path, bool forWrite) {
   options.openForWrite = forWrite;
   options.readBufferSize = forWrite ? 0 : kStreamBufferSize;
   options.writeBufferSize = forWrite ? kStreamBufferSize : 0;
-  try {
-    return std::make_unique<File>(options);
-  } catch (const std::exception& error) {
-    ThrowOnLibraryError(std::string(path.GetPath()));
-    throw Failure(std::string(path.GetPath()), error.what());
-  }
+  return ForPath(std::string(path.GetPath()), [&] { return std::make_unique<File>(options); });
 }
 
 void AddCatCommand(CLI::App& app, Commands& commands) {

@@ -1,6 +1,7 @@
 // drxfs: the library's log records, shown on standard error as far as the log level asks; its
 // error records are always kept, so that a command can tell a failure from an empty answer.
 #include <array>
+#include <cctype>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -22,6 +23,29 @@ std::string lastError;
 
 bool Shown(int level) {
   return level >= 0 && level < static_cast<int>(shown.size()) && shown[level];
+}
+
+// The lines of text joined by "; ", without empty lines or a comma or blanks ending a line:
+// records that carry a child's output span several lines.
+std::string OneLine(const std::string& text) {
+  std::string joined;
+  std::string::size_type start = 0;
+  while (start < text.size()) {
+    std::string::size_type end = text.find('\n', start);
+    if (end == std::string::npos) {
+      end = text.size();
+    }
+    std::string line = text.substr(start, end - start);
+    while (!line.empty() &&
+           (line.back() == ',' || std::isspace(static_cast<unsigned char>(line.back())))) {
+      line.pop_back();
+    }
+    if (!line.empty()) {
+      joined += (joined.empty() ? "" : "; ") + line;
+    }
+    start = end + 1;
+  }
+  return joined;
 }
 
 }  // namespace
@@ -53,7 +77,7 @@ void WatchLibraryLog(int logLevel) {
 
 void ThrowOnLibraryError(const std::string& path) {
   if (!lastError.empty()) {
-    throw Failure(path, std::exchange(lastError, std::string()));
+    throw Failure(path, OneLine(std::exchange(lastError, std::string())));
   }
 }
 

@@ -67,6 +67,7 @@ int Main(int argc, char** argv) {
   AddPathCommands(app, commands);
   AddFileCommands(app, commands);
   AddDirectoryCommands(app, commands);
+  AddTarCommands(app, commands);
 
   try {
     app.parse(argc, argv);

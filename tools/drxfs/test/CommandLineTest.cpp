@@ -27,17 +27,25 @@ INSTANTIATE_TEST_SUITE_P(
                       std::vector<std::string>{"size"},
                       std::vector<std::string>{"size", "--bogus", "/"},
                       std::vector<std::string>{"path", "/", "/tmp"},
-                      std::vector<std::string>{"--log-level", "8", "path", "/"}));
+                      std::vector<std::string>{"--log-level", "8", "path", "/"},
+                      std::vector<std::string>{"tar"},
+                      std::vector<std::string>{"tar", "extract", "--timeout", "1", "a", "/"}));
 
 TEST(DrxfsHelpTest, EveryCommandHasHelp) {
   const DrxfsResult top = RunDrxfs({"--help"});
   EXPECT_EQ(top.status, 0);
-  for (const char* command :
-       {"path", "touch", "truncate", "size", "cat", "write", "df", "du", "mkdir", "empty"}) {
-    EXPECT_NE(top.out.find(std::string("  ") + command + " "), std::string::npos) << command;
-    const DrxfsResult help = RunDrxfs({command, "--help"});
-    EXPECT_EQ(help.status, 0) << command;
-    EXPECT_NE(help.out.find("drxfs " + std::string(command)), std::string::npos) << help.out;
+  const std::vector<std::vector<std::string>> commands = {
+      {"path"}, {"touch"}, {"truncate"}, {"size"}, {"cat"},         {"write"},         {"df"},
+      {"du"},   {"mkdir"}, {"empty"},    {"tar"},  {"tar", "list"}, {"tar", "extract"}};
+  for (std::vector<std::string> command : commands) {
+    const std::string name = command.size() == 1 ? command[0] : command[0] + " " + command[1];
+    if (command.size() == 1) {
+      EXPECT_NE(top.out.find("  " + name + " "), std::string::npos) << name;
+    }
+    command.emplace_back("--help");
+    const DrxfsResult help = RunDrxfs(command);
+    EXPECT_EQ(help.status, 0) << name;
+    EXPECT_NE(help.out.find("Usage: drxfs " + name), std::string::npos) << help.out;
   }
   EXPECT_NE(RunDrxfs({"size", "--help"}).out.find("-h,--human"), std::string::npos);
 }
