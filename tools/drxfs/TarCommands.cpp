@@ -2,7 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
