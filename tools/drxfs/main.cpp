@@ -1,18 +1,99 @@
-// drxfs: command-line access to the file-system library. For now: path queries.
+// drxfs: the file-system library on the command line, for the people who keep devices running.
+#include <CLI/CLI.hpp>
+#include <exception>
 #include <iostream>
+#include <string>
 
-#include "Path.h"
+#include "Command.h"
 
-int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::cerr << "usage: drxfs path PATH...\n";
-    return 2;
+namespace drn::drxfs {
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kUsageError = 2;
+constexpr int kUnsetLogLevel = -1;
+
+constexpr const char* kFooter =
+    "Exit status: 0 on success, 1 when the operation failed, 2 on a usage error.\n"
+    "Every failure is one line on standard error naming the path and the reason.\n"
+    "--log-level N shows the library's records of level N and below (0 to 7; syslog numbering);\n"
+    "without it, DRX_LOG_LEVEL decides, and when that is unset only level 2 and below appear.";
+
+// "drxfs" followed by the subcommands selected so far, e.g. "drxfs tar list".
+std::string CommandName(const CLI::App& app) {
+  std::string name = "drxfs";
+  for (const CLI::App* selected = &app;;) {
+    const auto chosen = selected->get_subcommands();
+    if (chosen.empty()) {
+      return name;
+    }
+    selected = chosen.front();
+    name += " " + selected->get_name();
   }
-  for (int i = 1; i < argc; ++i) {
-    const drn::Path path(argv[i]);
-    std::cout << path.GetPath() << ": exists=" << (path.Exists() ? "yes" : "no")
-              << " directory=" << (path.IsDirectory() ? "yes" : "no") << " basename=\""
-              << path.Basename() << "\"\n";
+}
+
+int Run(const CLI::App& app, const Command& command) {
+  try {
+    command.run();
+  } catch (const std::exception& error) {
+    std::cout.flush();
+    std::cerr << CommandName(app) << ": " << error.what() << '\n';
+    return kFailed;
+  }
+  if (!std::cout.flush()) {
+    std::cerr << CommandName(app) << ": standard output: write error\n";
+    return kFailed;
   }
   return 0;
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app("Files, directories, paths and tar archives through libdrx_FileSystem.", "drxfs");
+  // -h is taken by --human, so help is --help alone, on every command.
+  app.set_help_flag("--help", "Print this help and exit");
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  // Global options may also follow the command's name.
+  app.fallthrough();
+  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+    return CommandName(*failed) + ": " + error.what() + " (see --help)\n";
+  });
+  int logLevel = kUnsetLogLevel;
+  app.add_option("--log-level", logLevel, "Show the library's log records of level N and below")
+      ->type_name("N")
+      ->check(CLI::Range(0, 7));
+
+  Commands commands;
+  AddPathCommands(app, commands);
+  AddFileCommands(app, commands);
+  AddDirectoryCommands(app, commands);
+  AddTarCommands(app, commands);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? 0 : kUsageError;
+  }
+  WatchLibraryLog(logLevel);
+  for (const Command& command : commands) {
+    if (command.app->parsed()) {
+      return Run(app, command);
+    }
+  }
+  std::cerr << "drxfs: no command to run (see --help)\n";
+  return kUsageError;
+}
+
+}  // namespace
+}  // namespace drn::drxfs
+
+int main(int argc, char** argv) {
+  try {
+    return drn::drxfs::Main(argc, argv);
+  } catch (const std::exception& error) {
+    // Only setting up the command line or running out of memory gets here.
+    std::cerr << "drxfs: " << error.what() << '\n';
+    return 1;
+  }
 }

@@ -1,0 +1,86 @@
+// drxfs: what the commands share: their registration, their failures and their output.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace drn {
+class PathIF;
+}  // namespace drn
+
+namespace drn::drxfs {
+
+// One subcommand and what it does once the command line has been parsed. run reports success
+// by returning and failure by throwing Failure (or any std::exception).
+struct Command {
+  const CLI::App* app = nullptr;
+  std::function<void()> run;
+};
+using Commands = std::vector<Command>;
+
+// A failed operation: the path it was working on and why. what() is "PATH: REASON".
+class Failure : public std::runtime_error {
+ public:
+  Failure(const std::string& path, const std::string& reason);
+};
+
+// reason, followed by the text of error when error is not 0.
+std::string Reason(const std::string& reason, int error);
+
+// What a command needs to find at a path.
+enum class Expect { Anything, NoDirectory, Directory };
+
+// Throws Failure when path is missing or is not what expect asks for.
+void Require(const PathIF& path, Expect expect);
+
+// Takes over the library's log records: those of logLevel and below (0 to 7; -1 when not given:
+// DRX_LOG_LEVEL decides, or only critical ones when that is unset) go to standard error, and
+// every error record is kept for ThrowOnLibraryError.
+void WatchLibraryLog(int logLevel);
+
+// Throws Failure(path, the record's text on one line) when the library logged an error since
+// the last throw.
+void ThrowOnLibraryError(const std::string& path);
+
+// Runs operation and returns its result. An exception from the library becomes a Failure for
+// path, with the library's latest error record as the reason or else the exception's text.
+template <typename Operation>
+auto ForPath(const std::string& path, Operation&& operation) -> decltype(operation()) {
+  try {
+    return operation();
+  } catch (const Failure&) {
+    throw;
+  } catch (const std::exception& error) {
+    ThrowOnLibraryError(path);
+    throw Failure(path, error.what());
+  }
+}
+
+// The registration of each command family: adds its subcommands to app and their actions to
+// commands.
+void AddPathCommands(CLI::App& app, Commands& commands);
+void AddFileCommands(CLI::App& app, Commands& commands);
+void AddDirectoryCommands(CLI::App& app, Commands& commands);
+void AddTarCommands(CLI::App& app, Commands& commands);
+
+// How a command that reports figures or lists prints them.
+struct Report {
+  bool json = false;
+  bool human = false;
+};
+
+// Adds --json to command, and -h/--human when it reports sizes.
+void AddReportOptions(CLI::App& command, Report& report, bool sizes);
+
+// A byte count as digits, or with human set in binary units with one decimal ("1.5 KiB").
+std::string FormatSize(std::uint64_t bytes, bool human);
+
+// Writes value to standard output as one line of JSON.
+void PrintJson(const nlohmann::json& value);
+
+}  // namespace drn::drxfs

@@ -1,0 +1,198 @@
+// drxfs df, du, mkdir and empty: the library's Directory.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "Command.h"
+#include "Directory.h"
+#include "LinuxApi.h"
+#include "Path.h"
+#include "SystemCallWrapper.h"
+
+namespace drn::drxfs {
+namespace {
+
+std::unique_ptr<Directory> MakeDirectory(const std::shared_ptr<Path>& path) {
+  return std::make_unique<Directory>(path, std::make_shared<SystemCallWrapper>());
+}
+
+// Runs action with standard error sent to a temporary file and returns what was written there:
+// the message of a shell command that the library runs, kept for the one failure line.
+std::string CaptureStandardError(const std::function<void()>& action) {
+  struct CloseFile {
+    // A temporary file: nothing is lost when closing it fails.
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+  };
+  struct Restore {
+    int saved;
+    ~Restore() {
+      ::dup2(saved, STDERR_FILENO);
+      ::close(saved);
+    }
+  };
+  std::cerr.flush();
+  const std::unique_ptr<std::FILE, CloseFile> capture(std::tmpfile());
+  const int saved = capture ? ::dup(STDERR_FILENO) : -1;
+  if (saved < 0 || ::dup2(::fileno(capture.get()), STDERR_FILENO) < 0) {
+    if (saved >= 0) {
+      ::close(saved);
+    }
+    action();
+    return "";
+  }
+  {
+    const Restore restore{saved};
+    action();
+  }
+  std::string text;
+  std::rewind(capture.get());
+  for (int c = std::fgetc(capture.get()); c != EOF; c = std::fgetc(capture.get())) {
+    text.push_back(static_cast<char>(c));
+  }
+  return text;
+}
+
+// The last non-empty line of text, or fallback when there is none.
+std::string LastLine(std::string text, const std::string& fallback) {
+  while (!text.empty() && text.back() == '\n') {
+    text.pop_back();
+  }
+  return text.empty() ? fallback : text.substr(text.find_last_of('\n') + 1);
+}
+
+// Why a shell command that printed nothing failed: the library refuses texts that the command
+// would take for options.
+std::string Unexplained(const std::string& text, const std::string& failure) {
+  return !text.empty() && text[0] == '-'
+             ? failure + " (a path that begins with '-' is refused; write ./" + text + ")"
+             : failure;
+}
+
+// Whether the directory holds an entry that the shell pattern "*" matches, that is one whose
+// name does not begin with a dot.
+bool HasUndottedEntries(const std::string& directory) {
+  LinuxApi api;
+  DIR* stream = api.opendir(directory.c_str());
+  if (stream == nullptr) {
+    throw Failure(directory, Reason("cannot open", errno));
+  }
+  bool found = false;
+  for (const dirent* entry = api.readdir(stream); entry != nullptr && !found;
+       entry = api.readdir(stream)) {
+    found = entry->d_name[0] != '.';
+  }
+  api.closedir(stream);
+  return found;
+}
+
+void AddDfCommand(CLI::App& app, Commands& commands) {
+  auto text = std::make_shared<std::string>();
+  auto report = std::make_shared<Report>();
+  CLI::App* command = app.add_subcommand(
+      "df",
+      "Print the bytes in use on the file system that holds PATH and its fill level in "
+      "percent (100 from about 98 % on), separated by a tab");
+  command->add_option("PATH", *text, "Any path on the file system")->required();
+  AddReportOptions(*command, *report, true);
+  commands.push_back(
+      {command, [text, report] {
+         const auto path = std::make_shared<Path>(*text);
+         Require(*path, Expect::Anything);
+         const auto directory = MakeDirectory(path);
+         const std::uint64_t used = directory->GetFileSystemUsedSize();
+         ThrowOnLibraryError(*text);
+         const int percent = directory->GetPercentageUsed();
+         ThrowOnLibraryError(*text);
+         if (report->json) {
+           PrintJson({{"path", *text}, {"usedBytes", used}, {"percentUsed", percent}});
+         } else {
+           std::cout << FormatSize(used, report->human) << '\t' << percent << "%\n";
+         }
+       }});
+}
+
+void AddDuCommand(CLI::App& app, Commands& commands) {
+  auto text = std::make_shared<std::string>();
+  auto report = std::make_shared<Report>();
+  CLI::App* command = app.add_subcommand(
+      "du", "Print the total size of the regular files below DIRECTORY (links not followed)");
+  command->add_option("DIRECTORY", *text, "The directory")->required();
+  AddReportOptions(*command, *report, true);
+  commands.push_back({command, [text, report] {
+                        const auto path = std::make_shared<Path>(*text);
+                        Require(*path, Expect::Directory);
+                        const std::uint64_t size = MakeDirectory(path)->GetDirectorySize();
+                        if (report->json) {
+                          PrintJson({{"path", *text}, {"bytes", size}});
+                        } else {
+                          std::cout << FormatSize(size, report->human) << '\n';
+                        }
+                      }});
+}
+
+void AddMkdirCommand(CLI::App& app, Commands& commands) {
+  auto text = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(
+      "mkdir", "Create DIRECTORY with its missing parents; an existing directory is left alone");
+  command->add_option("DIRECTORY", *text, "The directory")->required();
+  commands.push_back(
+      {command, [text] {
+         const auto path = std::make_shared<Path>(*text);
+         if (path->Exists() && !path->IsDirectory()) {
+           throw Failure(*text, "exists and is not a directory");
+         }
+         bool created = false;
+         const std::string messages =
+             CaptureStandardError([&] { created = MakeDirectory(path)->CreateDirectory(); });
+         if (!created) {
+           throw Failure(*text,
+                         LastLine(messages, Unexplained(*text, "cannot create the directory")));
+         }
+       }});
+}
+
+void AddEmptyCommand(CLI::App& app, Commands& commands) {
+  auto text = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(
+      "empty",
+      "Remove everything in DIRECTORY, subdirectories included, except the entries "
+      "whose names begin with a dot; the directory itself stays");
+  command->add_option("DIRECTORY", *text, "The directory")->required();
+  commands.push_back(
+      {command, [text] {
+         const auto path = std::make_shared<Path>(*text);
+         Require(*path, Expect::Directory);
+         // With nothing to remove the removal command would fail; the directory
+         // is already as asked.
+         if (!HasUndottedEntries(*text)) {
+           return;
+         }
+         bool emptied = false;
+         const std::string messages =
+             CaptureStandardError([&] { emptied = MakeDirectory(path)->EmptyDirectory(); });
+         if (!emptied) {
+           throw Failure(*text,
+                         LastLine(messages, Unexplained(*text, "cannot empty the directory")));
+         }
+       }});
+}
+
+}  // namespace
+
+void AddDirectoryCommands(CLI::App& app, Commands& commands) {
+  AddDfCommand(app, commands);
+  AddDuCommand(app, commands);
+  AddMkdirCommand(app, commands);
+  AddEmptyCommand(app, commands);
+}
+
+}  // namespace drn::drxfs

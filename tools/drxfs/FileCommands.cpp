@@ -1,0 +1,141 @@
+// drxfs touch, truncate and size (the library's by-name file helpers), cat and write (File).
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "Command.h"
+#include "File.h"
+#include "Path.h"
+
+namespace drn::drxfs {
+namespace {
+
+// A command that applies one by-name helper to FILE and prints nothing on success.
+void AddByNameCommand(CLI::App& app, Commands& commands, const std::string& name,
+                      const std::string& description, bool (*helper)(const std::string&),
+                      const std::string& failure) {
+  auto file = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(name, description);
+  command->add_option("FILE", *file, "The file")->required();
+  commands.push_back({command, [file, helper, failure] {
+                        errno = 0;
+                        if (!helper(*file)) {
+                          // The helper and its log record leave the failed open's errno.
+                          throw Failure(*file, Reason(failure, errno));
+                        }
+                      }});
+}
+
+void AddSizeCommand(CLI::App& app, Commands& commands) {
+  auto file = std::make_shared<std::string>();
+  auto report = std::make_shared<Report>();
+  CLI::App* command =
+      app.add_subcommand("size", "Print the size of FILE (symbolic links followed)");
+  command->add_option("FILE", *file, "The file")->required();
+  AddReportOptions(*command, *report, true);
+  commands.push_back({command, [file, report] {
+                        // The size helper answers 0 for a missing file; make that an error.
+                        Require(Path(*file), Expect::NoDirectory);
+                        const std::uint64_t size = File::GetFileSize(*file);
+                        if (report->json) {
+                          PrintJson({{"path", *file}, {"bytes", size}});
+                        } else {
+                          std::cout << FormatSize(size, report->human) << '\n';
+                        }
+                      }});
+}
+
+// The get and put areas of the streaming commands.
+constexpr std::uint32_t kStreamBufferSize = 64 * 1024;
+
+// Opens the existing file at path; a refusal becomes a Failure with the library's reason.
+std::unique_ptr<File> OpenFile(const Path& path, bool forWrite) {
+  Require(path, Expect::NoDirectory);
+  File::Options options;
+  options.path = &path;
+  options.openForRead = !forWrite;
+  options.openForWrite = forWrite;
+  options.readBufferSize = forWrite ? 0 : kStreamBufferSize;
+  options.writeBufferSize = forWrite ? kStreamBufferSize : 0;
+  return ForPath(std::string(path.GetPath()), [&] { return std::make_unique<File>(options); });
+}
+
+void AddCatCommand(CLI::App& app, Commands& commands) {
+  auto text = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(
+      "cat", "Copy FILE to standard output, read through the library's File in 64 KiB blocks");
+  command->add_option("FILE", *text, "The file")->required();
+  commands.push_back({command, [text] {
+                        const Path path(*text);
+                        const auto file = OpenFile(path, false);
+                        std::vector<char> block(kStreamBufferSize);
+                        // Take the get area as it stands after each refill: asking for more than
+                        // it holds is a read the File does not implement.
+                        while (file->sgetc() != std::char_traits<char>::eof()) {
+                          const std::streamsize count = file->sgetn(
+                              block.data(),
+                              std::min<std::streamsize>(file->in_avail(), kStreamBufferSize));
+                          if (!std::cout.write(block.data(), count)) {
+                            throw Failure("standard output", "write error");
+                          }
+                        }
+                        // A failed read ends the file early; its record tells.
+                        ThrowOnLibraryError(*text);
+                      }});
+}
+
+void AddWriteCommand(CLI::App& app, Commands& commands) {
+  auto text = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(
+      "write",
+      "Write standard input into the existing FILE from its first byte, through the "
+      "library's File with a 64 KiB put area; bytes beyond the input are kept");
+  command->add_option("FILE", *text, "The file; it is neither created nor truncated")->required();
+  commands.push_back({command, [text] {
+                        const Path path(*text);
+                        {
+                          const auto file = OpenFile(path, true);
+                          std::vector<char> block(kStreamBufferSize);
+                          while (std::cin.read(block.data(), kStreamBufferSize) ||
+                                 std::cin.gcount() > 0) {
+                            file->write(block.data(), std::cin.gcount());
+                            ThrowOnLibraryError(*text);
+                            if (!*file) {
+                              throw Failure(*text, "write failed");
+                            }
+                          }
+                          if (std::cin.bad()) {
+                            throw Failure("standard input", "read error");
+                          }
+                          file->flush();
+                          ThrowOnLibraryError(*text);
+                          if (!*file) {
+                            throw Failure(*text, "write failed");
+                          }
+                        }
+                        // Closing can fail too.
+                        ThrowOnLibraryError(*text);
+                      }});
+}
+
+}  // namespace
+
+void AddFileCommands(CLI::App& app, Commands& commands) {
+  AddByNameCommand(app, commands, "touch",
+                   "Create FILE (mode 0644 less the umask) when it is missing; an existing file "
+                   "is left as it is",
+                   File::CreateFile, "cannot create");
+  AddByNameCommand(app, commands, "truncate",
+                   "Empty FILE, creating it (mode 0644 less the umask) when it is missing",
+                   File::RecreateFile, "cannot create or empty");
+  AddSizeCommand(app, commands);
+  AddCatCommand(app, commands);
+  AddWriteCommand(app, commands);
+}
+
+}  // namespace drn::drxfs
