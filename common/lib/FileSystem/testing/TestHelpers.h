@@ -115,22 +115,16 @@ class LogCapture {
   LogClient::LevelFilter previousFilter;
 };
 
-// The user that permission checks run as.
-constexpr uid_t kUnprivilegedId = 65534;
-
-// Runs check in a forked child that has dropped to an unprivileged user (when running as root)
-// and returns its exit status: 0 when check returned true, 1 when it returned false, 2 when the
-// privileges could not be dropped, 3 when check threw. The child ends with _exit.
-inline int RunUnprivileged(const std::function<bool()>& check) {
+// Runs check in a forked child, for changes the test process must not keep (closed standard
+// descriptors, resource limits, another user), and returns its exit status: 0 when check
+// returned true, 1 when it returned false, 3 when check threw, -1 when the child did not exit.
+// The child ends with _exit.
+inline int RunInChild(const std::function<bool()>& check) {
   const pid_t pid = ::fork();
   if (pid < 0) {
     return -1;
   }
   if (pid == 0) {
-    if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(kUnprivilegedId) != 0 ||
-                             ::setuid(kUnprivilegedId) != 0)) {
-      ::_exit(2);
-    }
     int status = 3;
     try {
       status = check() ? 0 : 1;
@@ -142,6 +136,41 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The records as "function level/category: text" (level in decimal, category in hex, as in
+// "RunCmd 3/0x8027: failed to pipe: 24"), for comparing a whole list of records at once.
+inline std::vector<std::string> Described(const std::vector<LogRecord>& records) {
+  std::vector<std::string> lines;
+  for (const LogRecord& record : records) {
+    std::ostringstream line;
+    line << record.function << ' ' << static_cast<int>(record.level) << "/0x" << std::hex
+         << static_cast<unsigned>(record.category) << ": " << record.text;
+    lines.push_back(line.str());
+  }
+  return lines;
+}
+
+// The user that permission checks run as.
+constexpr uid_t kUnprivilegedId = 65534;
+
+// Runs check in a forked child that has dropped to an unprivileged user (when running as root)
+// and returns its exit status as RunInChild does, or 2 when the privileges could not be dropped.
+inline int RunUnprivileged(const std::function<bool()>& check) {
+  return RunInChild([&check] {
+    if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(kUnprivilegedId) != 0 ||
+                             ::setuid(kUnprivilegedId) != 0)) {
+      ::_exit(2);
+    }
+    return check();
+  });
+}
+
+// True while this process has a child, running or ended but not yet reaped (a zombie). Reaps
+// nothing.
+inline bool HasChildProcesses() {
+  siginfo_t info{};
+  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
 }
 
 // Open descriptors of this process, for leak checks around code that opens and closes.
