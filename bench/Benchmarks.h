@@ -7,5 +7,7 @@ namespace drn::bench {
 void RegisterFileBenchmarks();
 // The size of a directory tree and the file system's usage.
 void RegisterDirectoryBenchmarks();
+// Listing tar archives.
+void RegisterTarBenchmarks();
 
 }  // namespace drn::bench

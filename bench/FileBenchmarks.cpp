@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -24,10 +25,12 @@ namespace {
 
 constexpr std::int64_t kReadBytes = std::int64_t{128} << 20;
 constexpr std::int64_t kWriteBytes = std::int64_t{128} << 20;
-// A syncfs after every block costs milliseconds each here (2048 of them for kWriteBytes took
-// about 10 s on the reference machine), so the writers that synchronise that often write less.
-constexpr std::int64_t kSyncedWriteBytes = std::int64_t{32} << 20;
+// A syncfs after every block costs up to several milliseconds while other programs write to the
+// same file system (2048 of them, for kWriteBytes, took 9.5 s on the reference machine), so the
+// writers that synchronise that often write less.
+constexpr std::int64_t kSyncedWriteBytes = std::int64_t{16} << 20;
 constexpr std::int64_t kEndOfFile = std::char_traits<char>::eof();
+constexpr const char* kDestroyCounter = "destroy_ms";
 
 // Reads the whole file named by the second argument, handing it out through the 64 KiB buffer at
 // the third, and returns the number of bytes read.
@@ -38,13 +41,13 @@ using Reader = std::function<std::int64_t(benchmark::State&, const std::string&,
 using Writer = std::function<bool(const std::string&, const char*, int, std::int64_t)>;
 
 // Where the page cache stands at the start of each timed read.
-enum class Cache { kWarm, kDropped };
+enum class Cache { Warm, Dropped };
 
 // The file every read benchmark reads: kReadBytes of varied bytes, synchronised once, so that
 // its pages are clean and can be dropped from the page cache.
 const std::string& ReadFilePath() {
   static const std::string path = [] {
-    const std::string name = WorkspacePath("read.bin");
+    std::string name = WorkspacePath("read.bin");
     const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
       throw std::runtime_error("cannot create " + name);
@@ -84,14 +87,14 @@ std::int64_t ResidentPages(int fd, std::int64_t size) {
   return resident;
 }
 
-// Puts the whole file into the page cache (cache kWarm) or takes all of it out (kDropped), and
+// Puts the whole file into the page cache (cache Warm) or takes all of it out (Dropped), and
 // says whether that worked. DONTNEED drops clean pages only, hence the fdatasync first.
 bool SetPageCache(const std::string& path, Cache cache, std::vector<char>& scratch) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     return false;
   }
-  if (cache == Cache::kWarm) {
+  if (cache == Cache::Warm) {
     while (::read(fd, scratch.data(), scratch.size()) > 0) {
     }
   } else {
@@ -101,18 +104,18 @@ bool SetPageCache(const std::string& path, Cache cache, std::vector<char>& scrat
   const std::int64_t resident = ResidentPages(fd, kReadBytes);
   ::close(fd);
   const std::int64_t pages = kReadBytes / ::sysconf(_SC_PAGESIZE);
-  return cache == Cache::kWarm ? resident == pages : resident == 0;
+  return cache == Cache::Warm ? resident == pages : resident == 0;
 }
 
 void RunRead(benchmark::State& state, Cache cache, const Reader& reader) {
   const std::string& path = ReadFilePath();
   std::vector<char> out(kBlockSize);
-  if (cache == Cache::kWarm && !SetPageCache(path, cache, out)) {
+  if (cache == Cache::Warm && !SetPageCache(path, cache, out)) {
     state.SkipWithError("the file did not stay in the page cache");
     return;
   }
   for (auto _ : state) {
-    if (cache == Cache::kDropped) {
+    if (cache == Cache::Dropped) {
       state.PauseTiming();
       const bool dropped = SetPageCache(path, cache, out);
       state.ResumeTiming();
@@ -127,6 +130,9 @@ void RunRead(benchmark::State& state, Cache cache, const Reader& reader) {
     }
   }
   state.SetBytesProcessed(state.iterations() * kReadBytes);
+  if (state.counters.count(kDestroyCounter) != 0) {
+    state.counters[kDestroyCounter].flags = benchmark::Counter::kAvgIterations;
+  }
 }
 
 File::Options ReadOptions(const PathIF& path) {
@@ -160,10 +166,17 @@ std::int64_t ReadCharacters(std::istream& stream) {
   return total;
 }
 
-std::int64_t FileRead(benchmark::State&, const std::string& path, char* out) {
+// Also reports what the File's destruction took (counter destroy_ms, per iteration).
+std::int64_t FileRead(benchmark::State& state, const std::string& path, char* out) {
   const Path name(path);
-  File file(ReadOptions(name));
-  return ReadBlocks(file, out);
+  std::optional<File> file(std::in_place, ReadOptions(name));
+  const std::int64_t total = ReadBlocks(*file, out);
+  const auto start = std::chrono::steady_clock::now();
+  file.reset();
+  const std::chrono::duration<double, std::milli> destruction =
+      std::chrono::steady_clock::now() - start;
+  state.counters[kDestroyCounter].value += destruction.count();
+  return total;
 }
 
 // As FileRead, but the clock stops at the end of the file: the File's destruction, whose flush
@@ -314,12 +327,16 @@ bool SystemWriteSyncAtEnd(const std::string& path, const char* block, int direct
 }
 
 template <typename Run>
-void Register(const std::string& name, Run run) {
-  benchmark::RegisterBenchmark(name.c_str(), run)->Unit(benchmark::kMillisecond)->UseRealTime();
+benchmark::internal::Benchmark* Register(const std::string& name, Run run) {
+  return benchmark::RegisterBenchmark(name.c_str(), run)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime();
 }
 
-void RegisterRead(const std::string& name, Cache cache, const Reader& reader) {
-  Register(name, [cache, reader](benchmark::State& state) { RunRead(state, cache, reader); });
+benchmark::internal::Benchmark* RegisterRead(const std::string& name, Cache cache,
+                                             const Reader& reader) {
+  return Register(name,
+                  [cache, reader](benchmark::State& state) { RunRead(state, cache, reader); });
 }
 
 void RegisterWrite(const std::string& name, const Writer& writer, std::int64_t bytes) {
@@ -344,15 +361,16 @@ void SyncWithNothingPending(benchmark::State& state) {
 
 void RegisterFileBenchmarks() {
   for (const auto& [group, cache] :
-       {std::pair{"ReadCached", Cache::kWarm}, std::pair{"ReadDropped", Cache::kDropped}}) {
+       {std::pair{"ReadCached", Cache::Warm}, std::pair{"ReadDropped", Cache::Dropped}}) {
     const std::string prefix = std::string(group) + "/";
     RegisterRead(prefix + "File_read", cache, FileRead);
     RegisterRead(prefix + "File_read_until_end", cache, FileReadUntilEnd);
     RegisterRead(prefix + "ifstream_read", cache, StreamRead);
     RegisterRead(prefix + "read2", cache, SystemRead);
     RegisterRead(prefix + "read2_copy", cache, SystemReadAndCopy);
-    RegisterRead(prefix + "File_get", cache, FileGet);
-    RegisterRead(prefix + "ifstream_get", cache, StreamGet);
+    // One character per call takes about a second for the whole file: fewer repetitions.
+    RegisterRead(prefix + "File_get", cache, FileGet)->Repetitions(3);
+    RegisterRead(prefix + "ifstream_get", cache, StreamGet)->Repetitions(3);
   }
   RegisterWrite("Write/File", FileWrite, kSyncedWriteBytes);
   RegisterWrite("Write/ofstream_syncfs_each_64KiB", StreamWriteSyncEachBlock, kSyncedWriteBytes);

@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
   benchmark::AddCustomContext("workspace", drn::bench::WorkspacePath());
   drn::bench::RegisterFileBenchmarks();
   drn::bench::RegisterDirectoryBenchmarks();
+  drn::bench::RegisterTarBenchmarks();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   drn::bench::CloseWorkspace();

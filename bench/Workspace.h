@@ -8,7 +8,7 @@
 namespace drn::bench {
 
 // The block size of every sequential benchmark and the capacity of every buffer they use.
-constexpr std::size_t kBlockSize = 64 * 1024;
+constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
 // Makes the temporary directory (under TMPDIR, or /tmp). Call once before any benchmark runs.
 void OpenWorkspace();

@@ -3,9 +3,11 @@
 
 Usage: summarize.py RESULTS.json
 
-The ratio is the subject's cost per byte (or per item) divided by the peer's, from the medians of
-the repetitions (or the single run when there are none): 1.00 is as fast as the peer, 1.10 is
-10 % slower. Noise is the larger coefficient of variation of the two medians' repetitions.
+The ratio is the subject's wall-clock time per byte (or per item) divided by the peer's, from the
+medians of the repetitions (or the single run when there are none): 1.00 is as fast as the peer,
+1.10 is 10 % slower. The cpu ratio is the same for the processor time of the benchmark process
+alone (not its children's, not time spent waiting). Noise is the larger coefficient of variation
+of the two benchmarks' wall-clock times over their repetitions.
 Exits 1 when a benchmark reported an error or the report holds none of the pairs.
 """
 
@@ -15,14 +17,14 @@ import sys
 # subject, peer, largest acceptable ratio (None: reported for information)
 PAIRS = [
     ("ReadCached/File_read", "ReadCached/read2_copy", 1.10),
-    ("ReadCached/File_read", "ReadCached/ifstream_read", None),
-    ("ReadCached/File_read", "ReadCached/read2", None),
     ("ReadCached/File_read_until_end", "ReadCached/read2_copy", None),
+    ("ReadCached/File_read", "ReadCached/ifstream_read", None),
+    ("ReadCached/read2_copy", "ReadCached/ifstream_read", None),
     ("ReadCached/File_get", "ReadCached/ifstream_get", None),
     ("ReadDropped/File_read", "ReadDropped/ifstream_read", 1.05),
-    ("ReadDropped/File_read", "ReadDropped/read2_copy", None),
-    ("ReadDropped/File_read", "ReadDropped/read2", None),
     ("ReadDropped/File_read_until_end", "ReadDropped/ifstream_read", None),
+    ("ReadDropped/File_read_until_end", "ReadDropped/read2_copy", None),
+    ("ReadDropped/read2_copy", "ReadDropped/ifstream_read", None),
     ("ReadDropped/File_get", "ReadDropped/ifstream_get", None),
     ("Write/File", "Write/ofstream_syncfs_each_64KiB", 1.05),
     ("Write/File", "Write/ofstream_syncfs_at_end", None),
@@ -32,16 +34,23 @@ PAIRS = [
     ("FileList/TarApi", "FileList/popen_tar", 1.20),
     ("FileList/StreamingTarApi", "FileList/popen_tar", 1.20),
     ("FileList50k/StreamingTarApi", "FileList50k/popen_tar", None),
+    ("Start/fork_exec", "Start/posix_spawn", None),
     ("Usage/GetPercentageUsed", "Usage/statfs", None),
     ("Usage/GetFileSystemUsedSize", "Usage/statfs", None),
 ]
+
+# Keys of a run that are not user counters.
+STANDARD = {
+    "family_index", "per_family_instance_index", "repetitions", "repetition_index", "threads",
+    "iterations", "real_time", "cpu_time", "bytes_per_second", "items_per_second",
+}
 
 SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 
 
 def base_name(entry):
     name = entry.get("run_name", entry["name"])
-    return name[: -len("/real_time")] if name.endswith("/real_time") else name
+    return "/".join(part for part in name.split("/") if not part.startswith(("repeats:", "iterations:", "min_time:", "real_time")))
 
 
 def collect(report):
@@ -71,8 +80,15 @@ def collect(report):
             rate, unit = entry["items_per_second"], "/s"
         else:
             rate, unit = None, ""
-        seconds = entry["real_time"] * SECONDS[entry.get("time_unit", "ns")]
-        results[name] = (seconds, rate, unit, noise.get(name))
+        scale = SECONDS[entry.get("time_unit", "ns")]
+        seconds = entry["real_time"] * scale
+        cpu = entry["cpu_time"] * scale
+        counters = {
+            key: value for key, value in entry.items()
+            if key not in STANDARD and isinstance(value, (int, float))
+            and not isinstance(value, bool)
+        }
+        results[name] = (seconds, rate, unit, noise.get(name), counters, cpu)
     return results, errors
 
 
@@ -111,12 +127,13 @@ def main(path):
         if subject not in results or peer not in results:
             continue
         paired.update((subject, peer))
-        s_seconds, s_rate, s_unit, s_noise = results[subject]
-        p_seconds, p_rate, p_unit, p_noise = results[peer]
-        if s_rate and p_rate:
-            ratio = p_rate / s_rate
-        else:
-            ratio = s_seconds / p_seconds
+        s_seconds, s_rate, s_unit, s_noise, _, s_cpu = results[subject]
+        p_seconds, p_rate, p_unit, p_noise, _, p_cpu = results[peer]
+        # Work done per iteration, in bytes or items; 1 when no rate was reported.
+        s_work = s_rate * s_seconds if s_rate else 1.0
+        p_work = p_rate * p_seconds if p_rate else 1.0
+        ratio = (s_seconds / s_work) / (p_seconds / p_work)
+        cpu_ratio = (s_cpu / s_work) / (p_cpu / p_work) if p_cpu > 0 else float("nan")
         verdict = "" if target is None else ("met" if ratio <= target else "MISSED")
         noises = [value for value in (s_noise, p_noise) if value is not None]
         rows.append(
@@ -126,18 +143,23 @@ def main(path):
                 format_rate(s_rate, s_unit),
                 format_rate(p_rate, p_unit),
                 f"{ratio:.2f}",
+                f"{cpu_ratio:.2f}",
                 "" if target is None else f"<= {target:.2f}",
                 verdict,
                 f"{max(noises) * 100:.0f} %" if noises else "-",
             )
         )
-    header = ("subject", "peer", "subject rate", "peer rate", "ratio", "target", "", "noise")
+    header = ("subject", "peer", "subject rate", "peer rate", "ratio", "cpu ratio", "target", "",
+              "noise")
     widths = [max(len(row[i]) for row in rows + [header]) for i in range(len(header))]
     for row in [header] + rows:
         print("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
     for name in sorted(set(results) - paired):
-        seconds, rate, unit, _ = results[name]
+        seconds, rate, unit = results[name][:3]
         print(f"{name}: {format_time(seconds)} per iteration, {format_rate(rate, unit)}")
+    for name in sorted(results):
+        for key, value in sorted(results[name][4].items()):
+            print(f"{name}: {key} = {value:.3g}")
     for error in errors:
         print("error: " + error)
     return 1 if errors or not rows else 0
