@@ -69,13 +69,13 @@ Archive MakeArchive(const std::string& name, int directories, int filesPerDirect
   return archive;
 }
 
-// 500 files in 20 directories: about 14 KB of listing, well within one pipe's capacity.
+// 500 files in 20 directories: about 10 KB of listing, well within one pipe's capacity.
 const Archive& SmallArchive() {
   static const Archive archive = MakeArchive("small", 20, 25);
   return archive;
 }
 
-// 50,000 entries: 100 directories of 499 files each.
+// 50,001 entries: the top directory, 100 directories in it and 499 files in each of those.
 const Archive& LargeArchive() {
   static const Archive archive = MakeArchive("large", 100, 499);
   return archive;
