@@ -110,9 +110,14 @@ bool SetPageCache(const std::string& path, Cache cache, std::vector<char>& scrat
 void RunRead(benchmark::State& state, Cache cache, const Reader& reader) {
   const std::string& path = ReadFilePath();
   std::vector<char> out(kBlockSize);
-  if (cache == Cache::Warm && !SetPageCache(path, cache, out)) {
-    state.SkipWithError("the file did not stay in the page cache");
-    return;
+  // A page once left the cache between the reading and the check: read again before giving up.
+  constexpr int kWarmAttempts = 3;
+  int attempt = 0;
+  while (cache == Cache::Warm && !SetPageCache(path, cache, out)) {
+    if (++attempt == kWarmAttempts) {
+      state.SkipWithError("the file did not stay in the page cache");
+      return;
+    }
   }
   for (auto _ : state) {
     if (cache == Cache::Dropped) {
