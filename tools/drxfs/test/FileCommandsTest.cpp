@@ -52,6 +52,10 @@ struct SizeCase {
   const char* human;
 };
 
+void PrintTo(const SizeCase& value, std::ostream* os) {
+  *os << value.bytes;
+}
+
 class DrxfsSizeTest : public ::testing::TestWithParam<SizeCase> {};
 
 TEST_P(DrxfsSizeTest, PrintsBytesHumanUnitsAndJson) {

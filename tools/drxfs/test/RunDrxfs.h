@@ -89,6 +89,10 @@ struct DrxfsFailureCase {
   const char* reason;
 };
 
+inline void PrintTo(const DrxfsFailureCase& value, std::ostream* os) {
+  *os << value.name;
+}
+
 // Runs the case in dir, with a line on standard input, and expects status 1 and one line naming
 // the path and the reason.
 inline void ExpectFailureCase(const TempDir& dir, const DrxfsFailureCase& failure) {

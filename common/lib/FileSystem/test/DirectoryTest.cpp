@@ -106,6 +106,10 @@ struct PercentageCase {
   const char* record;  // the one record expected after "GetPercentageUsed ", or "" for none
 };
 
+void PrintTo(const PercentageCase& value, std::ostream* os) {
+  *os << value.name;
+}
+
 class DirectoryPercentageTest : public ::testing::TestWithParam<PercentageCase> {};
 
 TEST_P(DirectoryPercentageTest, ScalesTheUsedShareBy102) {

@@ -77,11 +77,11 @@ const SameWrapperCall kSameCalls[] = {
     SAME(i2c_smbus_read_word_data(-1, 1)),
     SAME(i2c_smbus_write_word_data(-1, 1, 2)),
     SAME(i2c_smbus_write_byte(-1, 1)),
-    SAME(ioctl(-1, FIONBIO, std::uint8_t{1})),
-    SAME(ioctl(-1, FIONBIO, 1ul)),
-    SAME(ioctl(-1, FIONBIO, 1L)),
+    SAME(ioctl(-1, TCFLSH, std::uint8_t{1})),
+    SAME(ioctl(-1, TCFLSH, 1ul)),
+    SAME(ioctl(-1, TCFLSH, 1L)),
     SAME(ioctl(-1, FIOCLEX)),
-    SAME(mount(nullptr, kMissing, nullptr, 0ul, nullptr)),
+    SAME(mount("none", kMissing, "none", 0ul, nullptr)),
     SAME(umount(kMissing)),
     SAME(gethostname(buffer, 0)),
     SAME(sysinfo(&systemInformation)),
@@ -118,8 +118,10 @@ TEST(SystemCallWrapperTest, CallsWorkOnRealObjects) {
   EXPECT_EQ(status, 0);
 
   // Refused without privileges, and an unknown command besides: this can never restart anything.
+  // (valgrind answers ENOSYS for this call without passing it on.)
   const int refused = testing::RunUnprivileged([&wrapper] {
-    return ::geteuid() != 0 && wrapper.reboot(0x0badc0de) == -1 && errno == EPERM;
+    return ::geteuid() != 0 && wrapper.reboot(0x0badc0de) == -1 &&
+           (errno == EPERM || errno == ENOSYS);
   });
   EXPECT_EQ(refused, 0);
 }
