@@ -51,59 +51,34 @@ INSTANTIATE_TEST_SUITE_P(Texts, PathBasenameTest,
                                            BasenameCase{"a\\b/c", "c"}, BasenameCase{"a/b\\c", "c"},
                                            BasenameCase{"a//b//", ""}));
 
-TEST(PathTest, EmptyTextIsNothing) {
-  const Path path("");
-  EXPECT_FALSE(path.Exists());
-  EXPECT_FALSE(path.IsDirectory());
-  EXPECT_TRUE(path.GetPath().empty());
-}
-
-TEST(PathTest, RootIsAnExistingDirectory) {
-  const Path path("/");
-  EXPECT_TRUE(path.Exists());
-  EXPECT_TRUE(path.IsDirectory());
-}
-
-TEST(PathTest, TextIsKeptUnchanged) {
-  const std::string text = "  ./a//b/../c/ ";
-  const Path path(text);
-  EXPECT_EQ(path.GetPath(), text);
-}
-
-TEST(PathTest, RegularFileExistsButIsNoDirectory) {
-  const TempDir dir;
-  const Path path(dir.WriteFile("file", "x"));
-  EXPECT_TRUE(path.Exists());
-  EXPECT_FALSE(path.IsDirectory());
-  EXPECT_EQ(errno, ENOTDIR);  // left as opendir set it
-}
-
-TEST(PathTest, MissingEntriesDoNotExist) {
+// Real entries: the text is kept as given, links are followed, errno is 0 after Exists, and a
+// failed directory test leaves opendir's errno.
+TEST(PathTest, QueriesRealEntries) {
   const TempDir dir;
   const std::string file = dir.WriteFile("file", "x");
-  for (const std::string& text : {dir / "missing", dir / "missing/below", file + "/below"}) {
-    const Path path(text);
-    EXPECT_FALSE(path.Exists()) << text;
-    EXPECT_FALSE(path.IsDirectory()) << text;
-  }
-}
-
-TEST(PathTest, ErrnoIsZeroAfterExists) {
-  const TempDir dir;
-  for (const std::string& text : {dir.Path(), dir / "missing"}) {
-    errno = EBADF;
-    Path(text).Exists();
-    EXPECT_EQ(errno, 0) << text;
-  }
-}
-
-TEST(PathTest, SymbolicLinksAreFollowed) {
-  const TempDir dir;
-  const std::string target = dir.MakeDir("target");
-  std::filesystem::create_directory_symlink(target, dir / "toDir");
+  std::filesystem::create_directory_symlink(dir.MakeDir("target"), dir / "toDir");
   std::filesystem::create_symlink(dir / "gone", dir / "dangling");
-  EXPECT_TRUE(Path(dir / "toDir").IsDirectory());
-  EXPECT_FALSE(Path(dir / "dangling").Exists());
+  const struct {
+    std::string text;
+    bool exists, isDirectory;
+  } cases[] = {{"", false, false},
+               {"/", true, true},
+               {file, true, false},
+               {dir / "toDir", true, true},
+               {dir / "dangling", false, false},
+               {dir / "missing/below", false, false},
+               {file + "/below", false, false},
+               {dir.Path() + "//./", true, true}};
+  for (const auto& entry : cases) {
+    const Path path(entry.text);
+    EXPECT_EQ(path.GetPath(), entry.text);
+    errno = EBADF;
+    EXPECT_EQ(path.Exists(), entry.exists) << entry.text;
+    EXPECT_EQ(errno, 0) << entry.text;
+    EXPECT_EQ(path.IsDirectory(), entry.isDirectory) << entry.text;
+  }
+  EXPECT_FALSE(Path(file).IsDirectory());
+  EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST(PathTest, UnreadableDirectoryExistsButIsNoDirectory) {
