@@ -25,6 +25,17 @@ namespace {
 
 constexpr LogCategory kCategory = LogCategory::FileSystem;
 
+// Opens path with flags (a new file gets mode 0644 less the umask) and closes it again, ignoring
+// close's result. false, with open's errno, when it cannot be opened.
+bool OpenAndClose(const std::string& path, int flags) {
+  const int fd = ::open(path.c_str(), flags, 0644);
+  if (fd < 0) {
+    return false;
+  }
+  ::close(fd);
+  return true;
+}
+
 }  // namespace
 
 struct File::Impl {
@@ -365,9 +376,7 @@ int File::uflow() {
 }
 
 bool File::CreateFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0644);
-  if (fd >= 0) {
-    ::close(fd);
+  if (OpenAndClose(path, O_RDWR | O_CREAT)) {
     return true;
   }
   DRN_LOG(LogLevel::Error, kCategory)
@@ -376,9 +385,7 @@ bool File::CreateFile(const std::string& path) {
 }
 
 bool File::RecreateFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-  if (fd >= 0) {
-    ::close(fd);
+  if (OpenAndClose(path, O_RDWR | O_CREAT | O_TRUNC)) {
     return true;
   }
   DRN_LOG(LogLevel::Error, kCategory)
