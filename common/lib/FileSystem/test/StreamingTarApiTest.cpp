@@ -14,7 +14,7 @@
 #include <ctime>
 #include <stdexcept>
 
-#include "FakeProgramDir.h"
+#include "TarRunFixture.h"
 #include "TestHelpers.h"
 
 namespace drn {
@@ -23,16 +23,8 @@ namespace {
 using testing::Described;
 using Lines = std::vector<std::string>;
 
-class StreamingTarApiTest : public ::testing::Test {
+class StreamingTarApiTest : public testing::TarRunFixture<> {
  protected:
-  void TearDown() override {
-    EXPECT_EQ(testing::CountOpenDescriptors(), descriptors);
-    EXPECT_FALSE(testing::HasChildProcesses());
-  }
-
-  const int descriptors = testing::CountOpenDescriptors();
-  testing::FakeProgramDir programs;
-  const testing::LogCapture log;
   std::vector<std::string> args = {"-tf", "a.tar"};
 };
 

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "FakeProgramDir.h"
 #include "StreamingTarApi.h"
+#include "TarRunFixture.h"
 #include "TestHelpers.h"
 #include "Untar.h"
 
@@ -28,7 +28,7 @@ using testing::Described;
 using ::testing::ElementsAre;
 using Lines = std::vector<std::string>;
 
-class TarRunnerTest : public ::testing::TestWithParam<const char*> {
+class TarRunnerTest : public testing::TarRunFixture<::testing::TestWithParam<const char*>> {
  protected:
   std::shared_ptr<TarApi> Make() const {
     if (GetParam() == "TarApi"s) {
@@ -37,14 +37,6 @@ class TarRunnerTest : public ::testing::TestWithParam<const char*> {
     return GetParam() == "Streaming"s ? std::make_shared<StreamingTarApi>()
                                       : std::make_shared<StreamingTarApi>(std::chrono::seconds(10));
   }
-  void TearDown() override {
-    EXPECT_EQ(testing::CountOpenDescriptors(), descriptors);
-    EXPECT_FALSE(testing::HasChildProcesses());
-  }
-
-  const int descriptors = testing::CountOpenDescriptors();
-  testing::FakeProgramDir programs;
-  const testing::LogCapture log;
   std::vector<std::string> args = {"-tf", "an archive.tar"};
 };
 
