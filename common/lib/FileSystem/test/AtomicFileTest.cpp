@@ -371,8 +371,9 @@ TEST_F(AtomicFileTest, EveryFailingCallEndsTheReplacementWithARecordAndNothingLe
                           calls[k - 1] == "chmod TEMP");
     EXPECT_EQ(ReadWholeFile(target), k <= renameAt ? "old" : content);
     EXPECT_THAT(Entries(), ElementsAre("settings"));
-    ASSERT_FALSE(records.Records().empty());
-    const LogRecord& record = records.Records().front();
+    const std::vector<LogRecord> seen = records.Records();
+    ASSERT_FALSE(seen.empty());
+    const LogRecord& record = seen.front();
     EXPECT_EQ(record.level, LogLevel::Error);
     EXPECT_EQ(record.category, LogCategory::FileSystem);
     EXPECT_THAT(record.text, HasSubstr("Input/output error"));
