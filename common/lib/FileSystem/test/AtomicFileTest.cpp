@@ -173,7 +173,8 @@ TEST_F(AtomicFileTest, ReplacesTheWholeContentWithEveryBufferSize) {
   }
   EXPECT_THAT(Texts(), ElementsAre());
 
-  const std::string fresh = dir / "new";
+  // A new file whose name is as long as names get: the temporary name must still fit.
+  const std::string fresh = dir / std::string(255, 'n');
   AtomicFile file(fresh);
   file << "created";
   ASSERT_TRUE(file.Commit());
