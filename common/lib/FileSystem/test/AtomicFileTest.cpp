@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <locale>
 #include <map>
 #include <memory>
 #include <regex>
@@ -176,6 +177,8 @@ TEST_F(AtomicFileTest, ReplacesTheWholeContentWithEveryBufferSize) {
   // A new file whose name is as long as names get: the temporary name must still fit.
   const std::string fresh = dir / std::string(255, 'n');
   AtomicFile file(fresh);
+  file.imbue(std::locale::classic());  // the stream's, though the buffer base declares one too
+  EXPECT_EQ(file.getloc(), std::locale::classic());
   file << "created";
   ASSERT_TRUE(file.Commit());
   EXPECT_EQ(ReadWholeFile(fresh), "created");
