@@ -9,5 +9,7 @@ void RegisterFileBenchmarks();
 void RegisterDirectoryBenchmarks();
 // Listing tar archives.
 void RegisterTarBenchmarks();
+// Replacing a whole file durably.
+void RegisterAtomicFileBenchmarks();
 
 }  // namespace drn::bench

@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   drn::bench::RegisterFileBenchmarks();
   drn::bench::RegisterDirectoryBenchmarks();
   drn::bench::RegisterTarBenchmarks();
+  drn::bench::RegisterAtomicFileBenchmarks();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   drn::bench::CloseWorkspace();

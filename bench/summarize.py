@@ -37,6 +37,8 @@ PAIRS = [
     ("Start/fork_exec", "Start/posix_spawn", None),
     ("Usage/GetPercentageUsed", "Usage/statfs", None),
     ("Usage/GetFileSystemUsedSize", "Usage/statfs", None),
+    ("Replace4KiB/AtomicFile", "Replace4KiB/by_hand", 1.10),
+    ("Replace1MiB/AtomicFile", "Replace1MiB/by_hand", 1.10),
 ]
 
 # Keys of a run that are not user counters.

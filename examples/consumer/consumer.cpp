@@ -1,5 +1,5 @@
-// Uses the installed library: paths, files, a directory, the log records, and a derived
-// system-call layer that the library calls back. Exits 1 when any answer is wrong.
+// Uses the installed library: paths, files, an atomic replacement, a directory, the log records,
+// and a derived system-call layer that the library calls back. Exits 1 when any answer is wrong.
 #include <unistd.h>
 
 #include <cstdio>
@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "AtomicFile.h"
 #include "Directory.h"
 #include "File.h"
 #include "LinuxApi.h"
@@ -70,6 +71,12 @@ int main() {
     drn::File output(options);
     output << "hello" << std::flush;
     ok &= Check(static_cast<bool>(output), "writing through File failed");
+  }
+  {
+    drn::AtomicFile replacement(file);
+    replacement << "world";
+    ok &= Check(replacement.Commit(), "replacing through AtomicFile failed");
+    ok &= Check(drn::File::GetFileSize(file) == 5, "the replaced file does not hold 5 bytes");
   }
   drn::Directory directory(std::make_shared<drn::Path>(dir),
                            std::make_shared<drn::SystemCallWrapper>());

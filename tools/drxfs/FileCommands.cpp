@@ -1,13 +1,16 @@
-// drxfs touch, truncate and size (the library's by-name file helpers), cat and write (File).
+// drxfs touch, truncate and size (the library's by-name file helpers), cat and write (File,
+// AtomicFile).
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "AtomicFile.h"
 #include "Command.h"
 #include "File.h"
 #include "Path.h"
@@ -89,37 +92,66 @@ void AddCatCommand(CLI::App& app, Commands& commands) {
                       }});
 }
 
+// Copies standard input to output until it ends; a failed write becomes a Failure for path.
+void CopyStandardInput(std::ostream& output, const std::string& path) {
+  std::vector<char> block(kStreamBufferSize);
+  while (std::cin.read(block.data(), kStreamBufferSize) || std::cin.gcount() > 0) {
+    output.write(block.data(), std::cin.gcount());
+    ThrowOnLibraryError(path);
+    if (!output) {
+      throw Failure(path, "write failed");
+    }
+  }
+  if (std::cin.bad()) {
+    throw Failure("standard input", "read error");
+  }
+}
+
+// Standard input into the existing file from its first byte; bytes beyond it stay.
+void WriteInPlace(const std::string& text) {
+  const Path path(text);
+  {
+    const auto file = OpenFile(path, true);
+    CopyStandardInput(*file, text);
+    file->flush();
+    ThrowOnLibraryError(text);
+    if (!*file) {
+      throw Failure(text, "write failed");
+    }
+  }
+  // Closing can fail too.
+  ThrowOnLibraryError(text);
+}
+
+// Standard input as the file's whole content, replaced atomically; a failure leaves it as it was.
+void WriteAtomically(const std::string& path) {
+  const auto file = ForPath(path, [&] { return std::make_unique<AtomicFile>(path); });
+  CopyStandardInput(*file, path);
+  if (!file->Commit()) {
+    ThrowOnLibraryError(path);
+    throw Failure(path, "replacing failed");
+  }
+}
+
 void AddWriteCommand(CLI::App& app, Commands& commands) {
   auto text = std::make_shared<std::string>();
+  auto atomic = std::make_shared<bool>(false);
   CLI::App* command = app.add_subcommand(
       "write",
-      "Write standard input into the existing FILE from its first byte, through the "
-      "library's File with a 64 KiB put area; bytes beyond the input are kept");
-  command->add_option("FILE", *text, "The file; it is neither created nor truncated")->required();
-  commands.push_back({command, [text] {
-                        const Path path(*text);
-                        {
-                          const auto file = OpenFile(path, true);
-                          std::vector<char> block(kStreamBufferSize);
-                          while (std::cin.read(block.data(), kStreamBufferSize) ||
-                                 std::cin.gcount() > 0) {
-                            file->write(block.data(), std::cin.gcount());
-                            ThrowOnLibraryError(*text);
-                            if (!*file) {
-                              throw Failure(*text, "write failed");
-                            }
-                          }
-                          if (std::cin.bad()) {
-                            throw Failure("standard input", "read error");
-                          }
-                          file->flush();
-                          ThrowOnLibraryError(*text);
-                          if (!*file) {
-                            throw Failure(*text, "write failed");
-                          }
+      "Write standard input into FILE. For settings and state files use --atomic: standard "
+      "input becomes FILE's whole content, and a power cut leaves the old content or the new. "
+      "Without it, standard input is written into the existing FILE from its first byte through "
+      "the library's File with a 64 KiB put area; bytes beyond the input are kept");
+  command->add_option("FILE", *text, "The file; without --atomic it must exist")->required();
+  command->add_flag("--atomic", *atomic,
+                    "Replace FILE's whole content through the library's AtomicFile (FILE may be "
+                    "new; an existing FILE keeps its permission bits, not its owner)");
+  commands.push_back({command, [text, atomic] {
+                        if (*atomic) {
+                          WriteAtomically(*text);
+                        } else {
+                          WriteInPlace(*text);
                         }
-                        // Closing can fail too.
-                        ThrowOnLibraryError(*text);
                       }});
 }
 

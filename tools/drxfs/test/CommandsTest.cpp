@@ -16,6 +16,8 @@ namespace drn {
 namespace {
 
 using testing::DrxfsResult;
+using testing::ListTree;
+using testing::MountedTmpfs;
 using testing::ReadWholeFile;
 using testing::RunDrxfs;
 using testing::TempDir;
@@ -82,6 +84,30 @@ TEST(DrxfsCommandTest, FileCommandsChangeAndCopyContents) {
   EXPECT_EQ(ReadWholeFile(small), "ab23456789");
   EXPECT_EQ(RunDrxfs({"write", dir / "missing"}, "x").status, 1);
   EXPECT_FALSE(std::filesystem::exists(dir / "missing"));
+}
+
+TEST(DrxfsCommandTest, WriteAtomicReplacesTheWholeFileOrLeavesItAsItWas) {
+  const TempDir dir;
+  const std::string settings = dir.WriteFile("settings", "an old content longer than the new");
+  EXPECT_EQ(RunDrxfs({"write", "--atomic", settings}, "new").status, 0);
+  EXPECT_EQ(ReadWholeFile(settings), "new");
+  const std::string input(300000, 'y');
+  EXPECT_EQ(RunDrxfs({"write", dir / "fresh", "--atomic"}, input).status, 0);
+  EXPECT_TRUE(ReadWholeFile(dir / "fresh") == input);
+
+  // More input than the file system holds: nothing changes, and the failure says why.
+  const MountedTmpfs small(dir / "small", "64k");
+  ASSERT_TRUE(small.mounted) << "mounting a tmpfs needs root";
+  const std::string full = dir.WriteFile("small/settings", "old");
+  const DrxfsResult failed = RunDrxfs({"write", "--atomic", full}, std::string(1 << 20, 'z'));
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_TRUE(
+      std::regex_match(failed.err, std::regex("drxfs write: " + full + ": replacing " + full +
+                                              " failed on write to .*: No space "
+                                              "left on device; it keeps its old content\n")))
+      << failed.err;
+  EXPECT_EQ(ReadWholeFile(full), "old");
+  EXPECT_EQ(ListTree(small.path), std::vector<std::string>{"settings"});
 }
 
 TEST(DrxfsCommandTest, MkdirAndEmptyLeaveWhatIsAlreadyAsAsked) {

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <functional>
 #include <ios>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "LinuxApi.h"
 #include "Log.h"
 #include "Narrow.h"
+#include "OutputLoop.h"
 
 namespace drn {
 namespace {
@@ -136,22 +136,21 @@ int File::Impl::SyncOutput() {
     return -1;
   }
   char* const begin = pbase();
-  char* const end = pptr();
-  std::ptrdiff_t pending = end - begin;
-  while (pending > 0) {
-    const long written = Write(fd, end - pending, static_cast<unsigned long>(pending));
-    if (written < 1) {
-      if (end - pending != begin) {
-        // The front is in the file already and writePosition is past it: keep only the tail,
-        // so that the next flush neither writes a byte twice nor loses one.
-        std::memmove(begin, end - pending, static_cast<std::size_t>(pending));
-        setp(begin, epptr());
-        pbump(pending);
-      }
-      return -1;
+  const auto pending = static_cast<std::size_t>(pptr() - begin);
+  // An interrupted write counts as a failure like any other.
+  const std::size_t written =
+      WriteFully(begin, pending, OnInterrupt::Fail,
+                 [this](const char* data, std::size_t count) { return Write(fd, data, count); });
+  writePosition += static_cast<std::int64_t>(written);
+  if (written < pending) {
+    if (written > 0) {
+      // The front is in the file already and writePosition is past it: keep only the tail,
+      // so that the next flush neither writes a byte twice nor loses one.
+      std::memmove(begin, begin + written, pending - written);
+      setp(begin, epptr());
+      pbump(static_cast<std::ptrdiff_t>(pending - written));
     }
-    pending -= written;
-    writePosition += written;
+    return -1;
   }
   if (linuxApi->syncfs(fd) == -1) {
     DRN_LOG(LogLevel::Error, kCategory) << "failed on output sync with " << std::strerror(errno);
@@ -228,11 +227,7 @@ void File::BindCallbacks() {
 }
 
 void File::AdvancePut(std::ptrdiff_t count) {
-  constexpr std::ptrdiff_t kStep = std::numeric_limits<int>::max();
-  for (; count > kStep; count -= kStep) {
-    pbump(static_cast<int>(kStep));
-  }
-  pbump(static_cast<int>(count));
+  AdvanceInSteps(count, [this](int step) { pbump(step); });
 }
 
 int File::DoGetFD() {

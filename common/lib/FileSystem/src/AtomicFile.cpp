@@ -1,0 +1,295 @@
+// AtomicFile: a temporary file beside the target, fsynced and renamed over it.
+#include "AtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <random>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "LinuxApi.h"
+#include "Log.h"
+#include "OutputLoop.h"
+
+namespace drn {
+namespace {
+
+constexpr LogCategory kCategory = LogCategory::FileSystem;
+
+// Attempts at a fresh temporary name before giving up (as many as mkstemp makes).
+constexpr int kNameAttempts = 238328;
+// Random characters in a temporary name, and the ones they are drawn from.
+constexpr std::size_t kSuffixLength = 6;
+constexpr char kSuffixCharacters[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+// The longest file name; ".NAME.XXXXXX" shortens NAME to fit.
+constexpr std::size_t kNameMax = 255;
+constexpr std::size_t kBaseMax = kNameMax - kSuffixLength - 2;
+// A new file's permission bits before the umask.
+constexpr unsigned kNewFileMode = 0644;
+
+}  // namespace
+
+struct AtomicFile::Impl {
+  enum class State { Open, Committed, Cancelled, Failed };
+
+  Impl(const std::string& target, std::unique_ptr<LinuxApiIF> api);
+
+  // Writes count bytes at data to the temporary file, continuing short writes and retrying
+  // EINTR. false when a write failed; the replacement is then given up.
+  bool Write(const char* data, std::size_t count);
+  // The steps after the last write: fsync, close, rename, fsync of the directory.
+  bool Replace();
+  // Gives the replacement up after a failed step: a record naming step and error (0: none),
+  // then the temporary file goes. inPlace says the rename had already succeeded. Always false.
+  bool Fail(const std::string& step, int error, bool inPlace);
+  // Closes the temporary file when it is open and removes it when it is still there.
+  void Discard();
+
+  std::unique_ptr<LinuxApiIF> linuxApi;
+  std::string path;
+  std::string directory;  // path's directory, for its fsync
+  std::string temporary;  // the temporary file's path
+  int fd = -1;            // the temporary file while it is open
+  bool renamed = false;   // the temporary file has become path
+  State state = State::Open;
+  std::vector<char> writeBuffer;  // only the reserved storage is used; it is the put area
+};
+
+AtomicFile::Impl::Impl(const std::string& target, std::unique_ptr<LinuxApiIF> api)
+    : linuxApi(api ? std::move(api) : std::make_unique<LinuxApi>()), path(target) {
+  if (path.empty()) {
+    DRN_LOG(LogLevel::Error, kCategory) << "cannot replace a file with an empty path";
+    throw std::invalid_argument("AtomicFile needs the path of a file");
+  }
+  struct stat status {};
+  // A path that ends in a slash names a directory, whether or not it exists.
+  const bool exists = path.back() != '/' && linuxApi->stat(path.c_str(), &status) == 0;
+  if (path.back() == '/' || (exists && S_ISDIR(status.st_mode))) {
+    DRN_LOG(LogLevel::Error, kCategory) << "cannot replace " << path << ": it is a directory";
+    throw std::invalid_argument("AtomicFile cannot replace a directory");
+  }
+  // A device, pipe or socket would become a plain file: never what its users meant.
+  if (exists && !S_ISREG(status.st_mode)) {
+    DRN_LOG(LogLevel::Error, kCategory) << "cannot replace " << path << ": not a regular file";
+    throw std::invalid_argument("AtomicFile replaces regular files only");
+  }
+  if (!exists && errno != ENOENT) {
+    // Its mode could not be carried over.
+    DRN_LOG(LogLevel::Error, kCategory)
+        << "cannot examine " << path << ": " << std::strerror(errno);
+    throw std::ios_base::failure("AtomicFile cannot examine its path");
+  }
+  const std::size_t slash = path.rfind('/');
+  const std::string prefix = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  directory = prefix.empty() ? "." : prefix;
+  const std::string base = prefix + "." + path.substr(prefix.size(), kBaseMax) + ".";
+  // Unique among the live AtomicFiles of this process (this address) and across processes (the
+  // process id); a clash with anything else is an EEXIST and another draw.
+  std::seed_seq seed{
+      static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(this)),
+      static_cast<unsigned>(::getpid()),
+      static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count())};
+  std::minstd_rand random(seed);
+  std::uniform_int_distribution<std::size_t> pick(0, sizeof(kSuffixCharacters) - 2);
+  // A new file's mode is set by open, less the umask; an existing target's mode is set exactly
+  // by chmod below, and creating with it first never shows the content to more readers.
+  const unsigned mode = exists ? status.st_mode & 07777U : kNewFileMode;
+  for (int attempt = 0; fd < 0 && attempt < kNameAttempts; ++attempt) {
+    temporary = base;
+    for (std::size_t i = 0; i < kSuffixLength; ++i) {
+      temporary += kSuffixCharacters[pick(random)];
+    }
+    // O_EXCL never follows a symbolic link planted at the name; O_NOFOLLOW says so twice.
+    fd = linuxApi->open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        static_cast<int>(mode));
+    if (fd < 0 && errno != EEXIST) {
+      break;
+    }
+  }
+  if (fd < 0) {
+    DRN_LOG(LogLevel::Error, kCategory)
+        << "cannot create a temporary file beside " << path << ": " << std::strerror(errno);
+    throw std::ios_base::failure("AtomicFile cannot create its temporary file");
+  }
+  if (exists && linuxApi->chmod(temporary.c_str(), mode) != 0) {
+    const int error = errno;
+    DRN_LOG(LogLevel::Error, kCategory)
+        << "cannot give " << temporary << " the mode of " << path << ": " << std::strerror(error);
+    Discard();
+    throw std::ios_base::failure("AtomicFile cannot set its temporary file's mode");
+  }
+}
+
+bool AtomicFile::Impl::Write(const char* data, std::size_t count) {
+  const std::size_t written =
+      WriteFully(data, count, OnInterrupt::Retry, [this](const char* next, std::size_t left) {
+        const long result = linuxApi->write(fd, next, left);
+        if (result == 0) {
+          errno = EIO;  // a regular file that takes nothing cannot take the rest either
+        }
+        return result;
+      });
+  return written == count || Fail("write to " + temporary, errno, false);
+}
+
+bool AtomicFile::Impl::Replace() {
+  if (linuxApi->fsync(fd) != 0) {
+    return Fail("fsync of " + temporary, errno, false);
+  }
+  // Linux releases the descriptor even when close fails: it is never closed twice.
+  const int closed = linuxApi->close(std::exchange(fd, -1));
+  if (closed != 0) {
+    return Fail("close of " + temporary, errno, false);
+  }
+  if (linuxApi->rename(temporary.c_str(), path.c_str()) != 0) {
+    return Fail("rename of " + temporary + " to " + path, errno, false);
+  }
+  renamed = true;
+  const int directoryFd = linuxApi->open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directoryFd < 0) {
+    return Fail("open of " + directory, errno, true);
+  }
+  if (linuxApi->fsync(directoryFd) != 0) {
+    const int error = errno;
+    linuxApi->close(directoryFd);
+    return Fail("fsync of " + directory, error, true);
+  }
+  if (linuxApi->close(directoryFd) != 0) {
+    return Fail("close of " + directory, errno, true);
+  }
+  state = State::Committed;
+  return true;
+}
+
+bool AtomicFile::Impl::Fail(const std::string& step, int error, bool inPlace) {
+  {
+    DRN_LOG(LogLevel::Error, kCategory)
+        << "replacing " << path << " failed on " << step << (error != 0 ? ": " : "")
+        << (error != 0 ? std::strerror(error) : "")
+        << (inPlace ? "; the new content is in place but its durability is not confirmed"
+                    : "; it keeps its old content");
+  }
+  state = State::Failed;
+  Discard();
+  return false;
+}
+
+void AtomicFile::Impl::Discard() {
+  if (fd >= 0) {
+    linuxApi->close(std::exchange(fd, -1));
+  }
+  if (!renamed && linuxApi->remove(temporary.c_str()) != 0) {
+    DRN_LOG(LogLevel::Error, kCategory)
+        << "cannot remove the temporary file " << temporary << ": " << std::strerror(errno);
+  }
+}
+
+// The stream part is built before the buffer part, which is fine: it only stores the pointer.
+AtomicFile::AtomicFile(const std::string& path, std::unique_ptr<LinuxApiIF> linuxApi,
+                       std::uint32_t writeBufferSize)
+    : std::ostream(this), impl(std::make_unique<Impl>(path, std::move(linuxApi))) {
+  try {
+    impl->writeBuffer.reserve(writeBufferSize);
+  } catch (...) {
+    // No destructor runs for an object whose construction fails.
+    impl->Discard();
+    throw;
+  }
+  char* const begin = impl->writeBuffer.data();
+  setp(begin, begin + impl->writeBuffer.capacity());
+}
+
+AtomicFile::~AtomicFile() {
+  if (impl->state == Impl::State::Open) {
+    impl->Discard();
+  }
+}
+
+bool AtomicFile::DoCommit() {
+  Impl& state = *impl;
+  if (state.state != Impl::State::Open) {
+    DRN_LOG(LogLevel::Error, kCategory)
+        << "nothing to commit for " << state.path << ": already committed, cancelled or failed";
+    return false;
+  }
+  if (bad()) {
+    setp(nullptr, nullptr);
+    return state.Fail("output that went wrong earlier (the stream is bad)", 0, false);
+  }
+  const bool drained = Drain();
+  setp(nullptr, nullptr);
+  return drained && state.Replace();
+}
+
+void AtomicFile::DoCancel() {
+  if (impl->state == Impl::State::Open) {
+    impl->state = Impl::State::Cancelled;
+    impl->Discard();
+    setp(nullptr, nullptr);
+  }
+}
+
+bool AtomicFile::Drain() {
+  char* const begin = pbase();
+  if (impl->state == Impl::State::Open &&
+      impl->Write(begin, static_cast<std::size_t>(pptr() - begin))) {
+    setp(begin, epptr());
+    return true;
+  }
+  setp(nullptr, nullptr);
+  return false;
+}
+
+int AtomicFile::overflow(int c) {
+  if (!Drain()) {
+    return traits_type::eof();
+  }
+  if (traits_type::eq_int_type(c, traits_type::eof())) {
+    return traits_type::not_eof(c);
+  }
+  const char byte = traits_type::to_char_type(c);
+  if (pbase() != epptr()) {
+    *pptr() = byte;
+    pbump(1);
+    return c;
+  }
+  return impl->Write(&byte, 1) ? c : traits_type::eof();
+}
+
+std::streamsize AtomicFile::xsputn(const char* s, std::streamsize n) {
+  if (n < 1 || impl->state != Impl::State::Open) {
+    return 0;
+  }
+  const auto count = static_cast<std::size_t>(n);
+  if (count > static_cast<std::size_t>(epptr() - pptr())) {
+    if (!Drain()) {
+      return 0;
+    }
+    // A block the whole buffer cannot hold goes straight to the file, without a copy.
+    if (count >= impl->writeBuffer.capacity()) {
+      if (impl->Write(s, count)) {
+        return n;
+      }
+      setp(nullptr, nullptr);
+      return 0;
+    }
+  }
+  traits_type::copy(pptr(), s, count);
+  AdvanceInSteps(n, [this](int step) { pbump(step); });
+  return n;
+}
+
+int AtomicFile::sync() {
+  return Drain() ? 0 : -1;
+}
+
+}  // namespace drn

@@ -1,0 +1,391 @@
+// AtomicFile on real files: what a replacement leaves behind on success, on cancel and on
+// every failure, the order of its durability steps, and the paths it refuses.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <locale>
+#include <map>
+#include <memory>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AtomicFile.h"
+#include "FileTestSupport.h"
+#include "LinuxApi.h"
+
+namespace drn {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using namespace drn::testing;
+
+// What a ScriptedApi does and saw.
+struct Script {
+  std::string directory;           // shown as "DIR" in calls
+  std::vector<std::string> calls;  // "NAME PATH" per call, temporary names shown as "TEMP"
+  int failAt = 0;                  // the call (counted from 1) that fails with EIO; 0: none
+  unsigned long writeLimit = 0;    // the most one write takes; 0: no limit
+  int interruptions = 0;           // the writes still to fail with EINTR
+  std::function<void(const char*)> beforeCreate;  // runs before each exclusive create
+  std::map<int, std::string> names;               // shown names of open descriptors
+};
+
+// The real C library, with every call an AtomicFile makes recorded and scriptable.
+class ScriptedApi : public LinuxApi {
+ public:
+  explicit ScriptedApi(std::shared_ptr<Script> script) : script(std::move(script)) {}
+
+ protected:
+  int DoOpen(const char* path, int flags) override {
+    return Opened(path, Call("open " + Shown(path), [&] { return LinuxApi::DoOpen(path, flags); }));
+  }
+  int DoOpen(const char* path, int flags, int mode) override {
+    if ((flags & O_EXCL) != 0 && script->beforeCreate) {
+      script->beforeCreate(path);
+    }
+    return Opened(
+        path, Call("create " + Shown(path), [&] { return LinuxApi::DoOpen(path, flags, mode); }));
+  }
+  long DoWrite(int fd, const void* buffer, unsigned long count) override {
+    return Call("write " + script->names[fd], [&] {
+      if (script->interruptions > 0) {
+        --script->interruptions;
+        errno = EINTR;
+        return -1L;
+      }
+      const unsigned long limit = script->writeLimit;
+      return LinuxApi::DoWrite(fd, buffer, limit != 0 && count > limit ? limit : count);
+    });
+  }
+  int DoFsync(int fd) override {
+    return Call("fsync " + script->names[fd], [&] { return LinuxApi::DoFsync(fd); });
+  }
+  int DoClose(int fd) override {
+    // Linux releases the descriptor also when close reports an error.
+    const int result = LinuxApi::DoClose(fd);
+    return Call("close " + script->names[fd], [result] { return result; });
+  }
+  int DoRename(const char* from, const char* to) override {
+    return Call("rename " + Shown(from) + " " + Shown(to),
+                [&] { return LinuxApi::DoRename(from, to); });
+  }
+  int DoRemove(const char* path) override {
+    return Call("remove " + Shown(path), [&] { return LinuxApi::DoRemove(path); });
+  }
+  int DoStat(const char* path, struct stat* status) override {
+    return Call("stat " + Shown(path), [&] { return LinuxApi::DoStat(path, status); });
+  }
+  int DoChmod(const char* path, unsigned int mode) override {
+    return Call("chmod " + Shown(path), [&] { return LinuxApi::DoChmod(path, mode); });
+  }
+
+ private:
+  std::string Shown(const std::string& path) const {
+    static const std::regex temporary(".*/\\.[^/]+\\.[A-Za-z0-9]{6}");
+    if (std::regex_match(path, temporary)) {
+      return "TEMP";
+    }
+    return path == script->directory ? "DIR" : std::filesystem::path(path).filename().string();
+  }
+  template <typename Real>
+  auto Call(const std::string& call, Real real) -> decltype(real()) {
+    script->calls.push_back(call);
+    if (static_cast<int>(script->calls.size()) == script->failAt) {
+      errno = EIO;
+      return -1;
+    }
+    return real();
+  }
+  int Opened(const char* path, int fd) {
+    if (fd >= 0) {
+      script->names[fd] = Shown(path);
+    }
+    return fd;
+  }
+
+  std::shared_ptr<Script> script;
+};
+
+class AtomicFileTest : public ::testing::Test {
+ protected:
+  AtomicFileTest() { script->directory = dir.Path() + "/"; }
+
+  // Every entry of the test's directory: after a replacement only the target is left.
+  std::vector<std::string> Entries() const { return ListTree(dir.Path()); }
+  std::unique_ptr<LinuxApiIF> Api() const { return std::make_unique<ScriptedApi>(script); }
+  std::vector<std::string> Texts() const {
+    std::vector<std::string> texts;
+    for (const LogRecord& record : capture.Records()) {
+      texts.push_back(record.text);
+    }
+    return texts;
+  }
+
+  const TempDir dir;
+  const std::string target = dir / "settings";
+  const std::shared_ptr<Script> script = std::make_shared<Script>();
+  const LogCapture capture;
+};
+
+mode_t ModeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+// Sets the umask while it lives.
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : previous(::umask(mask)) {}
+  ~ScopedUmask() { ::umask(previous); }
+  ScopedUmask(const ScopedUmask&) = delete;
+  ScopedUmask& operator=(const ScopedUmask&) = delete;
+
+ private:
+  mode_t previous;
+};
+
+TEST_F(AtomicFileTest, ReplacesTheWholeContentWithEveryBufferSize) {
+  const std::string block = Pattern(100000);
+  for (const std::uint32_t bufferSize : {0U, 1U, 7U, 4096U, 65536U, 200000U}) {
+    SCOPED_TRACE(bufferSize);
+    // Longer than the new content: none of its tail may remain.
+    dir.WriteFile("settings", std::string(300000, 'x'));
+    AtomicFile file(target, nullptr, bufferSize);
+    file << "alpha " << 42 << '\n';
+    file.write(block.data(), static_cast<std::streamsize>(block.size()));
+    file.put('!') << std::flush;
+    EXPECT_EQ(ReadWholeFile(target), std::string(300000, 'x')) << "visible before Commit";
+    ASSERT_TRUE(file.Commit());
+    EXPECT_TRUE(ReadWholeFile(target) == "alpha 42\n" + block + "!");
+    EXPECT_THAT(Entries(), ElementsAre("settings"));
+  }
+  EXPECT_THAT(Texts(), ElementsAre());
+
+  // A new file whose name is as long as names get: the temporary name must still fit.
+  const std::string fresh = dir / std::string(255, 'n');
+  AtomicFile file(fresh);
+  file.imbue(std::locale::classic());  // the stream's, though the buffer base declares one too
+  EXPECT_EQ(file.getloc(), std::locale::classic());
+  file << "created";
+  ASSERT_TRUE(file.Commit());
+  EXPECT_EQ(ReadWholeFile(fresh), "created");
+}
+
+TEST_F(AtomicFileTest, CancelAndDestructionLeaveTheOldContentAndEndTheStream) {
+  dir.WriteFile("settings", "old");
+  {
+    AtomicFile abandoned(target);
+    abandoned << "new" << std::flush;
+    EXPECT_EQ(Entries().size(), 2U) << "no temporary file was written";
+  }
+  EXPECT_EQ(ReadWholeFile(target), "old");
+  EXPECT_THAT(Entries(), ElementsAre("settings"));
+  EXPECT_THAT(Texts(), ElementsAre()) << "dropping a replacement is not a failure";
+
+  AtomicFile cancelled(target, nullptr, 4);
+  cancelled << "ne";
+  cancelled.Cancel();
+  cancelled.Cancel();
+  EXPECT_THAT(Entries(), ElementsAre("settings"));
+  cancelled << "w";  // fits the buffer that was there: must fail anyway
+  EXPECT_TRUE(cancelled.bad());
+  EXPECT_FALSE(cancelled.Commit());
+  EXPECT_EQ(ReadWholeFile(target), "old");
+
+  // Output the caller's stream lost (a bad stream) is never committed.
+  AtomicFile lost(target);
+  lost << "new";
+  lost.setstate(std::ios_base::badbit);
+  EXPECT_FALSE(lost.Commit());
+  EXPECT_EQ(ReadWholeFile(target), "old");
+  EXPECT_THAT(Entries(), ElementsAre("settings"));
+
+  AtomicFile committed(target);
+  committed << "new";
+  ASSERT_TRUE(committed.Commit());
+  EXPECT_FALSE(committed.Commit());
+  committed << "more";
+  EXPECT_TRUE(committed.bad());
+  committed.Cancel();
+  EXPECT_EQ(ReadWholeFile(target), "new");
+  EXPECT_THAT(Texts(), ElementsAre(HasSubstr("nothing to commit"), HasSubstr("the stream is bad"),
+                                   HasSubstr("nothing to commit")));
+}
+
+TEST_F(AtomicFileTest, KeepsAnExistingModeAndGivesANewFile0644LessTheUmask) {
+  const ScopedUmask mask(027);
+  for (const mode_t mode : {0600U, 0666U, 0751U}) {
+    dir.WriteFile("settings", "old");
+    ASSERT_EQ(::chmod(target.c_str(), mode), 0);
+    AtomicFile file(target);
+    file << "new";
+    ASSERT_TRUE(file.Commit());
+    EXPECT_EQ(ModeOf(target), mode);
+  }
+  AtomicFile file(dir / "new");
+  ASSERT_TRUE(file.Commit());
+  EXPECT_EQ(ModeOf(dir / "new"), 0640U);
+  EXPECT_EQ(ReadWholeFile(dir / "new"), "");
+}
+
+TEST_F(AtomicFileTest, RefusesPathsItCannotReplaceWithARecord) {
+  const std::string sub = dir.MakeDir("sub");
+  EXPECT_THROW(AtomicFile(""), std::invalid_argument);
+  EXPECT_THROW(AtomicFile{sub}, std::invalid_argument);
+  EXPECT_THROW(AtomicFile(dir / "missing/"), std::invalid_argument);
+  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
+  EXPECT_THROW(AtomicFile(dir / "pipe"), std::invalid_argument);
+  EXPECT_THROW(AtomicFile(dir / "missing/settings"), std::ios_base::failure);
+  EXPECT_THAT(
+      capture.Records(),
+      ElementsAre(IsRecord("common/lib/FileSystem/src/AtomicFile.cpp", "Impl", LogLevel::Error,
+                           LogCategory::FileSystem, HasSubstr("empty path")),
+                  ::testing::Field(&LogRecord::text, HasSubstr(sub + ": it is a directory")),
+                  ::testing::Field(&LogRecord::text, HasSubstr("it is a directory")),
+                  ::testing::Field(&LogRecord::text, HasSubstr("not a regular file")),
+                  ::testing::Field(&LogRecord::text, HasSubstr("No such file or directory"))));
+  EXPECT_THAT(Entries(), ElementsAre("pipe", "sub"));
+
+  // Another user may read but not write the directory.
+  dir.WriteFile("sub/settings", "old");
+  EXPECT_EQ(RunUnprivileged([&] {
+              try {
+                AtomicFile file(sub + "/settings");
+              } catch (const std::ios_base::failure&) {
+                return true;
+              }
+              return false;
+            }),
+            0);
+  EXPECT_EQ(ReadWholeFile(sub + "/settings"), "old");
+}
+
+TEST_F(AtomicFileTest, APlantedLinkAtTheTemporaryNameIsNotFollowed) {
+  dir.WriteFile("settings", "old");
+  const std::string victim = dir.WriteFile("victim", "untouched");
+  std::string planted;
+  script->beforeCreate = [&](const char* path) {
+    if (planted.empty()) {
+      planted = path;
+      std::filesystem::create_symlink(victim, planted);
+    }
+  };
+  AtomicFile file(target, Api());
+  file << "new";
+  ASSERT_TRUE(file.Commit());
+  EXPECT_EQ(ReadWholeFile(target), "new");
+  EXPECT_EQ(ReadWholeFile(victim), "untouched");
+  EXPECT_TRUE(std::filesystem::is_symlink(planted)) << "someone else's entry was removed";
+  EXPECT_EQ(std::count(script->calls.begin(), script->calls.end(), "create TEMP"), 2);
+}
+
+TEST_F(AtomicFileTest, TwoReplacementsOfOnePathBothSucceedAndTheLastCommitWins) {
+  dir.WriteFile("settings", "old");
+  AtomicFile first(target);
+  AtomicFile second(target);
+  first << "first";
+  second << "second";
+  EXPECT_EQ(Entries().size(), 3U);
+  EXPECT_TRUE(second.Commit());
+  EXPECT_TRUE(first.Commit());
+  EXPECT_EQ(ReadWholeFile(target), "first");
+  EXPECT_THAT(Entries(), ElementsAre("settings"));
+}
+
+TEST_F(AtomicFileTest, AFullFileSystemFailsTheStreamAndKeepsTheOldContent) {
+  const MountedTmpfs small(dir / "small", "64k");
+  ASSERT_TRUE(small.mounted) << "mounting a tmpfs needs root: " << std::strerror(errno);
+  const std::string settings = dir.WriteFile("small/settings", "old");
+  const std::string block = Pattern(1 << 20);
+  AtomicFile file(settings);
+  file.write(block.data(), static_cast<std::streamsize>(block.size()));
+  EXPECT_TRUE(file.bad());
+  EXPECT_FALSE(file.Commit());
+  EXPECT_EQ(ReadWholeFile(settings), "old");
+  EXPECT_THAT(ListTree(small.path), ElementsAre("settings"));
+  EXPECT_THAT(Texts(), ElementsAre(AllOf(HasSubstr("failed on write to"),
+                                         HasSubstr("No space left on device"),
+                                         HasSubstr("keeps its old content")),
+                                   HasSubstr("nothing to commit")));
+}
+
+TEST_F(AtomicFileTest, CommitWritesEverythingThenFsyncsTheFileBeforeTheRenameAndTheDirAfter) {
+  dir.WriteFile("settings", "old");
+  script->writeLimit = 3;
+  script->interruptions = 1;
+  AtomicFile file(target, Api(), 8);
+  file << "0123456789abcdefghij";
+  ASSERT_TRUE(file.Commit());
+  EXPECT_EQ(ReadWholeFile(target), "0123456789abcdefghij");
+  EXPECT_THAT(script->calls,
+              ElementsAre("stat settings", "create TEMP", "chmod TEMP", "write TEMP", "write TEMP",
+                          "write TEMP", "write TEMP", "write TEMP", "write TEMP", "write TEMP",
+                          "write TEMP", "fsync TEMP", "close TEMP", "rename TEMP settings",
+                          "open DIR", "fsync DIR", "close DIR"));
+}
+
+TEST_F(AtomicFileTest, EveryFailingCallEndsTheReplacementWithARecordAndNothingLeftBehind) {
+  // A write while streaming (the block is larger than the buffer) and one in Commit.
+  const std::string block = Pattern(40);
+  const std::string content = block + "end";
+  const auto replace = [&] {
+    AtomicFile file(target, Api(), 16);
+    file.write(block.data(), static_cast<std::streamsize>(block.size())) << "end";
+    const bool failed =
+        script->failAt != 0 && script->failAt <= static_cast<int>(script->calls.size());
+    EXPECT_EQ(file.bad(), failed);
+    return file.Commit();
+  };
+  dir.WriteFile("settings", "old");
+  ASSERT_TRUE(replace());
+  const std::vector<std::string> calls = script->calls;
+  const auto rename = std::find(calls.begin(), calls.end(), "rename TEMP settings");
+  ASSERT_NE(rename, calls.end());
+  const int renameAt = static_cast<int>(rename - calls.begin()) + 1;
+
+  for (int k = 1; k <= static_cast<int>(calls.size()); ++k) {
+    SCOPED_TRACE("failing call " + std::to_string(k) + ": " + calls[k - 1]);
+    dir.WriteFile("settings", "old");
+    *script = Script();
+    script->directory = dir.Path() + "/";
+    script->failAt = k;
+    const LogCapture records;
+    bool committed = false;
+    bool thrown = false;
+    try {
+      committed = replace();
+    } catch (const std::ios_base::failure&) {
+      thrown = true;
+    }
+    EXPECT_FALSE(committed);
+    EXPECT_EQ(thrown, calls[k - 1] == "stat settings" || calls[k - 1] == "create TEMP" ||
+                          calls[k - 1] == "chmod TEMP");
+    EXPECT_EQ(ReadWholeFile(target), k <= renameAt ? "old" : content);
+    EXPECT_THAT(Entries(), ElementsAre("settings"));
+    const std::vector<LogRecord> seen = records.Records();
+    ASSERT_FALSE(seen.empty());
+    const LogRecord& record = seen.front();
+    EXPECT_EQ(record.level, LogLevel::Error);
+    EXPECT_EQ(record.category, LogCategory::FileSystem);
+    EXPECT_THAT(record.text, HasSubstr("Input/output error"));
+    if (k > renameAt) {
+      EXPECT_THAT(record.text, HasSubstr("in place but its durability is not confirmed"));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace drn
