@@ -51,6 +51,7 @@ int Main(int argc, char** argv) {
   CLI::App app("Files, directories, paths and tar archives through libdrx_FileSystem.", "drxfs");
   // -h is taken by --human, so help is --help alone, on every command.
   app.set_help_flag("--help", "Print this help and exit");
+  app.set_version_flag("--version", "drxfs " DRXFS_VERSION, "Print the version and exit");
   app.footer(kFooter);
   app.require_subcommand(1);
   // Global options may also follow the command's name.

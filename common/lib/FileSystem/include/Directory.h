@@ -27,6 +27,7 @@ class DRN_EXPORT Directory {
   // Takes over linuxApi; an empty one makes the Directory use a LinuxApi of its own.
   Directory(std::shared_ptr<PathIF> path, std::unique_ptr<LinuxApiIF> linuxApi,
             std::shared_ptr<SystemCallWrapper> systemCallWrapper);
+  // A moved-from Directory may only be destroyed.
   Directory(Directory&& other) noexcept;
   virtual ~Directory();
   Directory(const Directory&) = delete;

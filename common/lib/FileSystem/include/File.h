@@ -15,6 +15,7 @@
 
 namespace drn {
 
+// A read/write stream over one file descriptor, with caller-sized read and write buffers.
 class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> {
  public:
   // What to open and how to buffer it. The File reads path only while it is being constructed.
@@ -23,8 +24,8 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
     bool inMemory = false;              // an anonymous memory-backed file instead of path
     std::uint32_t writeBufferSize = 0;  // put area capacity; 0 writes every character at once
     std::uint32_t readBufferSize = 0;   // get area capacity; 0 is taken as 1
-    bool openForRead = false;
-    bool openForWrite = false;
+    bool openForRead = false;           // at least one of the two access modes is required
+    bool openForWrite = false;          // writes start at offset 0, over what is there
   };
 
   // Opens an existing file (neither created, truncated nor appended to) or a new in-memory one.
@@ -68,6 +69,8 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
  protected:
   virtual int DoGetFD();
 
+  // The stream-buffer operations over the descriptor and the two buffers.
+  // @{
   int overflow(int c) override;
   int underflow() override;
   std::streampos seekpos(std::streampos pos, std::ios_base::openmode mode) override;
@@ -78,6 +81,7 @@ class DRN_EXPORT File : public std::iostream, public std::basic_streambuf<char> 
   int sync() override;
   std::streamsize showmanyc() override;
   int uflow() override;
+  // @}
 
  private:
   struct Impl;

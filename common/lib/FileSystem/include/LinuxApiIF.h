@@ -20,6 +20,8 @@ class DRN_EXPORT LinuxApiIF {
  public:
   virtual ~LinuxApiIF();
 
+  // The C library call of the same name, made through its Do... partner.
+  // @{
   int open(const char* path, int flags) { return DoOpen(path, flags); }
   int open(const char* path, int flags, int mode) { return DoOpen(path, flags, mode); }
   int access(const char* path, int mode) { return DoAccess(path, mode); }
@@ -82,6 +84,7 @@ class DRN_EXPORT LinuxApiIF {
     return DoMmap(address, length, protection, flags, fd, offset);
   }
   int tcflush(int fd, int queue) { return DoTcFlush(fd, queue); }
+  // @}
 
  protected:
   virtual int DoOpen(const char* path, int flags) = 0;

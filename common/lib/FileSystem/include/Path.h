@@ -15,7 +15,9 @@ namespace drn {
 // may only be destroyed.
 class DRN_EXPORT Path : public PathIF {
  public:
+  // Keeps a copy of path; an empty linuxApi makes the Path use a LinuxApi of its own.
   explicit Path(std::string_view path, std::unique_ptr<LinuxApiIF> linuxApi = nullptr);
+  // A moved-from Path may only be destroyed.
   Path(Path&& other) noexcept;
   ~Path() override;
   Path(const Path&) = delete;

@@ -8,6 +8,7 @@
 
 namespace drn {
 
+// A fixed path text with existence, directory and base-name queries; Path implements it.
 class DRN_EXPORT PathIF {
  public:
   virtual ~PathIF();

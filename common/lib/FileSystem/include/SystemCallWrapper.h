@@ -39,6 +39,8 @@ class DRN_EXPORT SystemCallWrapper {
  public:
   virtual ~SystemCallWrapper();
 
+  // The function of the same name, called with the arguments unchanged.
+  // @{
   virtual int kill(pid_t pid, int signal) { return ::kill(pid, signal); }
   virtual int pthread_sigmask(int how, const sigset_t* set, sigset_t* oldSet) {
     return ::pthread_sigmask(how, set, oldSet);
@@ -141,6 +143,7 @@ class DRN_EXPORT SystemCallWrapper {
   virtual int reboot(int command) { return ::reboot(command); }
   virtual int gethostname(char* name, size_t length) { return ::gethostname(name, length); }
   virtual int sysinfo(struct sysinfo* info) { return ::sysinfo(info); }
+  // @}
 };
 
 static_assert(sizeof(input_event) == 24 || sizeof(void*) != 8,

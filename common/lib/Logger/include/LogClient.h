@@ -22,12 +22,12 @@ enum class LogCategory : std::uint16_t { FileSystem = 0x8010, Tar = 0x8027 };
 
 // A completed record as handed to the sink.
 struct LogRecord {
-  std::string file;
-  std::string function;
-  int line = 0;
-  LogLevel level = LogLevel::Debug;
-  LogCategory category = LogCategory::FileSystem;
-  std::string text;
+  std::string file;                                // source file that wrote the record
+  std::string function;                            // bare function name
+  int line = 0;                                    // source line
+  LogLevel level = LogLevel::Debug;                // severity
+  LogCategory category = LogCategory::FileSystem;  // subsystem
+  std::string text;                                // everything inserted into the record
 };
 
 // One record under construction: built on the stack, filled by insertion and delivered to the
@@ -35,8 +35,8 @@ struct LogRecord {
 // found it.
 class DRX_LOGGER_EXPORT LogClient {
  public:
-  using Sink = std::function<void(const LogRecord&)>;
-  using LevelFilter = std::function<bool(LogLevel)>;
+  using Sink = std::function<void(const LogRecord&)>;  // receives every completed record
+  using LevelFilter = std::function<bool(LogLevel)>;   // true for the levels to keep
 
   // True when a record of this level would be kept. The default filter keeps levels whose number
   // is at most DRX_LOG_LEVEL (0 to 7), or 4 when that is unset or not a number.
@@ -49,6 +49,7 @@ class DRX_LOGGER_EXPORT LogClient {
   // Replaces the level filter and returns the previous one; an empty one restores the default.
   static LevelFilter SetLevelFilter(LevelFilter filter);
 
+  // Starts a record of level for the given source location; each tag sets its category.
   template <typename... Tags>
   LogClient(std::string_view file, std::string_view function, int line, LogLevel level,
             Tags... tags)
