@@ -40,6 +40,10 @@ struct State {
   Call trace[kTraceCapacity];
 };
 
+// Set once this process has begun to exit: what runs then (a coverage run's counter dump, which
+// is linked into the library too) is not the library's work.
+bool exiting = false;
+
 State& Shared() {
   static State* const state = [] {
     void* memory =
@@ -47,6 +51,7 @@ State& Shared() {
     if (memory == MAP_FAILED) {
       std::abort();
     }
+    std::atexit([] { exiting = true; });
     return new (memory) State{};
   }();
   return *state;
@@ -89,6 +94,9 @@ Range LibraryRange() {
 // Counts a call made from the library and says whether it is the one to fail (errno is then
 // set). Calls from anywhere else are neither counted nor failed.
 bool Intercept(Function function, const void* caller) {
+  if (exiting) {
+    return false;
+  }
   const Range range = LibraryRange();
   const auto address = reinterpret_cast<std::uintptr_t>(caller);
   if (address < range.begin || address >= range.end) {
@@ -171,6 +179,10 @@ bool Fired() {
 
 void SetPhase(int phase) {
   Shared().phase = phase;
+}
+
+void Exiting() {
+  exiting = true;
 }
 
 }  // namespace drn::faults

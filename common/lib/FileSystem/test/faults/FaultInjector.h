@@ -72,4 +72,7 @@ bool Fired();
 // Labels the calls that follow, so an expectation can tell a flush from the destructor's.
 void SetPhase(int phase);
 
+// Stops counting and failing in this process, for a child that is about to end.
+void Exiting();
+
 }  // namespace drn::faults
