@@ -234,16 +234,20 @@ TEST(DeepTreeTest, WalkUnderADescriptorLimitSumsTheLevelsItCouldOpen) {
     dir.WriteFile(path.substr(dir.Path().size() + 1) + "/f", "x");
     path += "/d";
   }
-  EXPECT_EQ(testing::RunInChild([&dir] {
-              const rlimit limit{32, 32};
-              if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-                return false;
-              }
-              const int open = DescriptorsBelow(32);
-              const std::uint64_t sum = SizeOf(dir / "t");
-              return sum == static_cast<std::uint64_t>(32 - open) && DescriptorsBelow(32) == open;
-            }),
-            0);
+  constexpr int kNoLimit = 4;
+  const int status = testing::RunInChild([&dir] {
+    const rlimit limit{32, 32};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+      ::_exit(kNoLimit);
+    }
+    const int open = DescriptorsBelow(32);
+    const std::uint64_t sum = SizeOf(dir / "t");
+    return sum == static_cast<std::uint64_t>(32 - open) && DescriptorsBelow(32) == open;
+  });
+  if (status == kNoLimit) {
+    GTEST_SKIP() << "the descriptor limit cannot be lowered here (valgrind refuses setrlimit)";
+  }
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace
