@@ -876,14 +876,10 @@ std::string Compare(const Expected& expected, const Outcome& got) {
 std::string RunPoint(const Operation& operation, const Point& point, const Outcome& baseline) {
   std::fflush(nullptr);
   int report[2];
-  if (::pipe(report) != 0) {
+  if (::pipe2(report, O_CLOEXEC) != 0) {
     return "no pipe for the report";
   }
-  const pid_t pid = ::fork();
-  if (pid < 0) {
-    return "no child for the point";
-  }
-  if (pid == 0) {
+  const int status = testing::RunInChild([&] {
     ::close(report[0]);
     ::alarm(20);
     std::string problems;
@@ -910,14 +906,16 @@ std::string RunPoint(const Operation& operation, const Point& point, const Outco
         problems += " a descriptor was left open;";
       }
     }
+    // The parent reads only after this child has ended: the report must fit the pipe.
+    problems.resize(std::min<std::size_t>(problems.size(), 4096));
     const ssize_t written = ::write(report[1], problems.data(), problems.size());
     Exiting();
-    // _exit skips the coverage counters' dump, which a coverage build asks for here.
+    // The child ends with _exit, which skips the coverage counters' dump of a coverage build.
     if (__gcov_dump != nullptr) {
       __gcov_dump();
     }
-    ::_exit(written == static_cast<ssize_t>(problems.size()) ? 0 : 1);
-  }
+    return written == static_cast<ssize_t>(problems.size());
+  });
   ::close(report[1]);
   std::string problems;
   char chunk[4096];
@@ -925,14 +923,9 @@ std::string RunPoint(const Operation& operation, const Point& point, const Outco
     problems.append(chunk, static_cast<std::size_t>(n));
   }
   ::close(report[0]);
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFSIGNALED(status)) {
-    return " crashed with signal " + std::to_string(WTERMSIG(status)) + problems;
-  }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return " ended with status " + std::to_string(WEXITSTATUS(status)) + problems;
+  if (status != 0) {
+    return " the point's child crashed, hung or failed to report (status " +
+           std::to_string(status) + ");" + problems;
   }
   return problems;
 }
