@@ -580,38 +580,40 @@ Operation GetDirectorySize() {
           }};
 }
 
+// A statistics query of "/", whose only call is its statfs; record gives its failure record's
+// text for an errno.
+Operation StatisticsQuery(const std::string& name,
+                          const std::function<std::uint64_t(Directory&)>& query,
+                          const std::function<std::string(int)>& record) {
+  return {"Directory::" + name,
+          [query](const TempDir&) {
+            return Observe([&](Outcome& out) {
+              out.result = query(*DirectoryOn("/")) > 0 ? "positive" : "0";
+            });
+          },
+          [name, record](const Point& point, const Outcome&, const TempDir&) {
+            Expected expected = WithResult("0");
+            expected.records = {FileRecord(name, 3, record(point.error))};
+            return expected;
+          }};
+}
+
 Operation GetFileSystemUsedSize() {
-  return {
-      "Directory::GetFileSystemUsedSize",
-      [](const TempDir&) {
-        return Observe([&](Outcome& out) {
-          out.result = DirectoryOn("/")->GetFileSystemUsedSize() > 0 ? "positive" : "0";
-        });
-      },
-      [](const Point& point, const Outcome&, const TempDir&) {
-        Expected expected;
-        expected.result = "0";
-        expected.records = {FileRecord("GetFileSystemUsedSize", 3,
-                                       "failed to open path with " + std::to_string(point.error))};
-        return expected;
-      }};
+  return StatisticsQuery(
+      "GetFileSystemUsedSize",
+      [](Directory& directory) { return directory.GetFileSystemUsedSize(); },
+      [](int error) { return "failed to open path with " + std::to_string(error); });
 }
 
 Operation GetPercentageUsed() {
-  return {"Directory::GetPercentageUsed",
-          [](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              out.result = DirectoryOn("/")->GetPercentageUsed() > 0 ? "positive" : "0";
-            });
-          },
-          [](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected;
-            expected.result = "0";
-            expected.records = {FileRecord("GetPercentageUsed", 3,
-                                           "failed to open / with " + Error(point.error) + "(" +
-                                               std::to_string(point.error) + ")")};
-            return expected;
-          }};
+  return StatisticsQuery(
+      "GetPercentageUsed",
+      [](Directory& directory) {
+        return static_cast<std::uint64_t>(directory.GetPercentageUsed());
+      },
+      [](int error) {
+        return "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")";
+      });
 }
 
 // --- Tar -------------------------------------------------------------------------------------
