@@ -667,6 +667,16 @@ std::optional<RunnerFailure> RunnerFailureFor(const Point& point, const std::str
   }
 }
 
+// What a caller sees when the runner throws: its record and the exception; the child is left
+// for nobody to reap, as the contract has it.
+Expected Thrown(const RunnerFailure& failure) {
+  Expected expected;
+  expected.records = failure.records;
+  expected.exception = "runtime_error: waitpid failure";
+  expected.childMayRemain = true;
+  return expected;
+}
+
 Operation RunCmd() {
   return {"TarApi::RunCmd",
           [](const TempDir&) {
@@ -681,12 +691,10 @@ Operation RunCmd() {
             Expected expected;
             const std::string output = baseline.result.substr(0, baseline.result.find('|'));
             if (auto failure = RunnerFailureFor(point, "tar-tf" + Archive())) {
-              expected.records = failure->records;
               if (failure->throws) {
-                expected.exception = "runtime_error: waitpid failure";
-                expected.childMayRemain = true;
-                return expected;
+                return Thrown(*failure);
               }
+              expected.records = failure->records;
               expected.result = "|" + std::to_string(failure->status);
               // A failed pipe leaves the argument list as it was.
               const std::string args =
@@ -736,12 +744,10 @@ Operation FileList() {
             }
             Expected expected;
             if (auto failure = RunnerFailureFor(point, "tar-tf" + Archive())) {
-              expected.records = failure->records;
               if (failure->throws) {
-                expected.exception = "runtime_error: waitpid failure";
-                expected.childMayRemain = true;
-                return expected;
+                return Thrown(*failure);
               }
+              expected.records = failure->records;
               expected.result = "";
               expected.records.push_back(TarRecord(
                   "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
@@ -788,10 +794,7 @@ Operation Extract() {
           expected.records = {TarRecord(
               "DoExtract", "specified path is not an existing directory: " + destination)};
         } else if (failure && failure->throws) {
-          expected.exception = "runtime_error: waitpid failure";
-          expected.records = failure->records;
-          expected.childMayRemain = true;
-          return expected;
+          return Thrown(*failure);
         } else if (failure) {
           expected.result = std::to_string(failure->status);
           expected.records = failure->records;
