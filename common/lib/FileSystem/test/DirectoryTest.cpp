@@ -57,6 +57,11 @@ TEST(DirectorySizeTest, SumsTheRegularFilesBelow) {
   for (const std::string& nothing : {empty, tree / "missing", tree / "top"}) {
     EXPECT_EQ(On(nothing).GetDirectorySize(), 0u) << nothing;
   }
+  // Given no system-call layer, the three-argument constructor makes its own; a move keeps it.
+  Directory ownLayer(std::make_shared<Path>(tree.Path()), nullptr,
+                     std::make_shared<SystemCallWrapper>());
+  Directory moved(std::move(ownLayer));
+  EXPECT_EQ(moved.GetDirectorySize(), kTreeBytes);
   EXPECT_EQ(testing::CountOpenDescriptors(), descriptors) << "a directory stream stayed open";
   EXPECT_TRUE(capture.Records().empty());
 

@@ -1,0 +1,1094 @@
+// The fault sweep: for every operation in the table, records the C library calls one successful
+// run makes, then fails each of them in turn with every errno listed for its function, each
+// point in a forked child. Per point it checks: no crash, no descriptor and no child process
+// left, and the result, records, exception and errno that the library's contract gives for
+// that failure. Prints one line per failed point and a closing count; with --table FILE it also
+// writes the per-operation table (calls, points, errnos) in Markdown.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "Directory.h"
+#include "FaultInjector.h"
+#include "File.h"
+#include "Path.h"
+#include "SystemCallWrapper.h"
+#include "TestHelpers.h"
+#include "Untar.h"
+
+namespace drn::faults {
+namespace {
+
+using testing::TempDir;
+
+// Phases an operation announces, so that an expectation can tell where a call was made.
+enum Phase : int { kOpen = 1, kUse, kFlush, kClose, kRead };
+
+// The errnos each function is failed with: those it really returns that a caller must survive.
+const std::map<Function, std::vector<int>>& Errnos() {
+  static const std::map<Function, std::vector<int>> errnos = {
+      {Function::access, {ENOENT, EACCES, EIO}},
+      {Function::close, {EIO, EINTR}},
+      {Function::closedir, {EIO}},
+      {Function::dup2, {EINTR, EMFILE, EBUSY}},
+      {Function::execvp, {ENOENT, EACCES, ENOMEM}},
+      {Function::fork, {EAGAIN, ENOMEM}},
+      {Function::lseek, {EINVAL, EOVERFLOW}},
+      {Function::open, {EACCES, EMFILE, ENOSPC, EINTR, EIO}},
+      {Function::opendir, {EACCES, EMFILE, ENOMEM}},
+      {Function::pipe2, {EMFILE, ENFILE}},
+      {Function::read, {EIO, EINTR, EAGAIN}},
+      {Function::readdir, {EIO}},
+      {Function::stat, {EACCES, EIO, ENOMEM}},
+      {Function::statfs, {EACCES, EIO, EINTR}},
+      {Function::syncfs, {EIO, ENOSPC}},
+      {Function::syscall, {EMFILE, ENOMEM}},
+      {Function::system, {EAGAIN, ENOMEM}},
+      {Function::waitpid, {EINTR, ECHILD}},
+      {Function::write, {EIO, ENOSPC, EINTR}},
+  };
+  return errnos;
+}
+
+// What one run of an operation showed.
+struct Outcome {
+  std::string result;
+  std::string exception;  // "type: message", empty when none was thrown
+  std::vector<std::string> records;
+  int errorAfter = 0;
+  std::string content;        // a file's bytes after the operation, where it touches one
+  std::string contentBefore;  // the same file's bytes before the File was destroyed
+};
+
+// One failure point: the call-th call of function (the inPhase-th within its phase) fails.
+struct Point {
+  Function function;
+  long call;
+  long inPhase;
+  int phase;
+  int error;
+};
+
+// What the contract gives for a point; unset fields are not compared.
+struct Expected {
+  std::optional<std::string> result;
+  std::optional<std::string> exception;
+  std::vector<std::string> records;
+  std::optional<int> errorAfter;
+  // Further checks; returns a description of what is wrong, empty when nothing is.
+  std::function<std::string(const Outcome&)> check;
+  bool childMayRemain = false;
+};
+
+Expected WithResult(std::string result) {
+  Expected expected;
+  expected.result = std::move(result);
+  return expected;
+}
+
+struct Operation {
+  std::string name;
+  std::function<Outcome(const TempDir&)> run;
+  std::function<Expected(const Point&, const Outcome& baseline, const TempDir&)> expect;
+};
+
+std::string Error(int error) {
+  return std::strerror(error);
+}
+
+std::string Record(const std::string& function, int level, const char* category,
+                   const std::string& text) {
+  return function + " " + std::to_string(level) + "/" + category + ": " + text;
+}
+std::string FileRecord(const std::string& function, int level, const std::string& text) {
+  return Record(function, level, "0x8010", text);
+}
+std::string TarRecord(const std::string& function, const std::string& text) {
+  return Record(function, 3, "0x8027", text);
+}
+
+// Runs body with every record captured, and turns what it returned or threw into an Outcome.
+Outcome Observe(const std::function<void(Outcome&)>& body) {
+  Outcome outcome;
+  const testing::LogCapture log;
+  try {
+    body(outcome);
+  } catch (const std::ios_base::failure& error) {
+    // The error code is part of what the contract fixes: the default one, iostream's 1.
+    outcome.exception = std::string("ios_base::failure (") + error.code().category().name() + " " +
+                        std::to_string(error.code().value()) + "): " + error.what();
+  } catch (const std::exception& error) {
+    const char* type =
+        dynamic_cast<const std::invalid_argument*>(&error) != nullptr ? "invalid_argument"
+        : dynamic_cast<const std::runtime_error*>(&error) != nullptr  ? "runtime_error"
+                                                                      : "other";
+    outcome.exception = std::string(type) + ": " + error.what();
+  }
+  outcome.records = testing::Described(log.Records());
+  return outcome;
+}
+
+// --- Paths -----------------------------------------------------------------------------------
+
+Operation PathExists() {
+  return {"Path::Exists",
+          [](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const Path path(dir.WriteFile("f", "x"));
+              out.result = path.Exists() ? "true" : "false";
+              out.errorAfter = errno;
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir&) {
+            Expected expected;
+            expected.result = point.error == ENOENT ? "false" : "true";
+            expected.errorAfter = 0;
+            return expected;
+          }};
+}
+
+Operation PathIsDirectory() {
+  return {"Path::IsDirectory",
+          [](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const Path path(dir.MakeDir("d"));
+              out.result = path.IsDirectory() ? "true" : "false";
+              out.errorAfter = errno;
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir&) {
+            Expected expected;
+            const bool fails = (point.function == Function::access && point.error == ENOENT) ||
+                               point.function == Function::opendir;
+            expected.result = fails ? "false" : "true";
+            if (point.function == Function::opendir) {
+              expected.errorAfter = point.error;
+            }
+            return expected;
+          }};
+}
+
+// --- File ------------------------------------------------------------------------------------
+
+const std::string kOriginal = "abcdefghijklmnop";
+const std::string kData = "0123456789A";
+
+// What opening a File on an existing path gives when the point is among the opening calls;
+// nullopt when the open goes on as usual.
+std::optional<Expected> OpenFailure(const Point& point, const std::string& path) {
+  if (point.phase != kOpen) {
+    return std::nullopt;
+  }
+  Expected expected;
+  if (point.function == Function::access && point.inPhase == 1 && point.error == ENOENT) {
+    expected.exception = "invalid_argument: could not open specified path";
+    expected.records = {
+        FileRecord("Impl", 3, "Tried to open \"" + path + "\" but it didn't exist")};
+    return expected;
+  }
+  if (point.function == Function::open) {
+    expected.exception =
+        "ios_base::failure (iostream 1): Failed on kernel call to open: iostream error";
+    expected.records = {FileRecord("Impl", 3, "failed on kernel open with " + Error(point.error))};
+    return expected;
+  }
+  return std::nullopt;
+}
+
+// The one record a failed call of the stream buffer writes, by function.
+std::vector<std::string> StreamRecords(const Point& point, bool readSide) {
+  switch (point.function) {
+    case Function::lseek:
+      return {FileRecord("SeekSet", 7, "failed on lseek with " + Error(point.error))};
+    case Function::write:
+      return {FileRecord("Write", 3, "failed on write with " + Error(point.error))};
+    case Function::read:
+      return {FileRecord("underflow", 3, "failed on underflow read with " + Error(point.error))};
+    case Function::syncfs:
+      return {
+          readSide
+              ? FileRecord("SyncInput", 3, "failed on input sync with " + Error(point.error))
+              : FileRecord("SyncOutput", 3, "failed on output sync with " + Error(point.error))};
+    case Function::close:
+      return {FileRecord("~File", 3, "failed on close with " + std::to_string(point.error))};
+    default:
+      return {};
+  }
+}
+
+File::Options Options(const PathIF* path, std::uint32_t readSize, std::uint32_t writeSize,
+                      bool forRead, bool forWrite) {
+  File::Options options;
+  options.path = path;
+  options.inMemory = path == nullptr;
+  options.readBufferSize = readSize;
+  options.writeBufferSize = writeSize;
+  options.openForRead = forRead;
+  options.openForWrite = forWrite;
+  return options;
+}
+
+// Reads the whole file through a File with a get area of bufferSize, a character at a time.
+Operation FileRead(std::uint32_t bufferSize) {
+  return {"File read, get area " + std::to_string(bufferSize),
+          [bufferSize](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const Path path(dir.WriteFile("f", kOriginal));
+              SetPhase(kOpen);
+              auto file = std::make_unique<File>(Options(&path, bufferSize, 0, true, false));
+              SetPhase(kUse);
+              std::streambuf& buffer = *file;
+              for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
+                out.result += static_cast<char>(c);
+                buffer.sbumpc();
+              }
+              SetPhase(kClose);
+              file.reset();
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir& dir) {
+            if (auto failure = OpenFailure(point, dir / "f")) {
+              return *failure;
+            }
+            Expected expected;
+            expected.records = StreamRecords(point, false);
+            if (point.phase != kUse || point.function == Function::syncfs) {
+              expected.result = kOriginal;
+              return expected;
+            }
+            // A failed refill ends the reading early; what was read is still the file's beginning.
+            expected.check = [](const Outcome& got) {
+              return kOriginal.compare(0, got.result.size(), got.result) == 0
+                         ? std::string()
+                         : "read bytes are not the file's beginning: " + got.result;
+            };
+            return expected;
+          }};
+}
+
+// Writes kData over kOriginal through a write-only File with a put area of bufferSize, flushes
+// when flush is set, and destroys the File. Every byte the stream accepted must reach the file
+// exactly once, at its own offset; only a failure in the destructor's own flush loses what it
+// held.
+Operation FileWrite(std::uint32_t bufferSize, bool flush) {
+  return {"File write, put area " + std::to_string(bufferSize) + (flush ? ", flushed" : ""),
+          [bufferSize, flush](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const std::string name = dir.WriteFile("f", kOriginal);
+              const Path path(name);
+              SetPhase(kOpen);
+              try {
+                auto file = std::make_unique<File>(Options(&path, 0, bufferSize, false, true));
+                SetPhase(kUse);
+                std::streambuf& buffer = *file;
+                const std::streamsize accepted =
+                    buffer.sputn(kData.data(), static_cast<std::streamsize>(kData.size()));
+                out.result = "accepted " + std::to_string(accepted);
+                if (flush) {
+                  SetPhase(kFlush);
+                  out.result += buffer.pubsync() == 0 ? ", flushed" : ", flush failed";
+                }
+                out.contentBefore = testing::ReadWholeFile(name);
+                SetPhase(kClose);
+                file.reset();
+              } catch (...) {
+                out.content = testing::ReadWholeFile(name);
+                throw;
+              }
+              out.content = testing::ReadWholeFile(name);
+            });
+          },
+          [flush](const Point& point, const Outcome&, const TempDir& dir) {
+            if (auto failure = OpenFailure(point, dir / "f")) {
+              failure->check = [](const Outcome& got) {
+                return got.content == kOriginal ? std::string() : "file changed: " + got.content;
+              };
+              return *failure;
+            }
+            Expected expected;
+            expected.records = StreamRecords(point, false);
+            const bool positioningOrWrite =
+                point.function == Function::lseek || point.function == Function::write;
+            const bool failsWrite = positioningOrWrite && point.phase == kUse;
+            const bool failsFlush = positioningOrWrite && point.phase == kFlush;
+            const bool losesHeld = positioningOrWrite && point.phase == kClose;
+            if (!failsWrite) {
+              expected.result = "accepted " + std::to_string(kData.size()) +
+                                (flush ? (failsFlush ? ", flush failed" : ", flushed") : "");
+            }
+            expected.check = [losesHeld](const Outcome& got) {
+              if (losesHeld) {
+                return got.content == got.contentBefore
+                           ? std::string()
+                           : "the destructor's failed flush still changed the file: " + got.content;
+              }
+              const std::size_t accepted = std::stoul(got.result.substr(9));
+              const std::string want = kData.substr(0, accepted) + kOriginal.substr(accepted);
+              return got.content == want ? std::string()
+                                         : "file holds " + got.content + ", want " + want;
+            };
+            return expected;
+          }};
+}
+
+// Over a File open for reading and writing with areas of 4: writes "012", flushes (which writes,
+// then reloads the get area from the file), reads everything, and destroys the File.
+Operation FileReadWrite() {
+  return {"File read and write, flushed",
+          [](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const std::string name = dir.WriteFile("f", kOriginal);
+              const Path path(name);
+              SetPhase(kOpen);
+              auto file = std::make_unique<File>(Options(&path, 4, 4, true, true));
+              std::streambuf& buffer = *file;
+              SetPhase(kUse);
+              buffer.sputn(kData.data(), 3);
+              SetPhase(kFlush);
+              out.result = buffer.pubsync() == 0 ? "flushed" : "flush failed";
+              SetPhase(kRead);
+              for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
+                out.contentBefore += static_cast<char>(c);
+                buffer.sbumpc();
+              }
+              SetPhase(kClose);
+              file.reset();
+              out.content = testing::ReadWholeFile(name);
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir& dir) {
+            if (auto failure = OpenFailure(point, dir / "f")) {
+              return *failure;
+            }
+            const std::string written = kData.substr(0, 3) + kOriginal.substr(3);
+            Expected expected;
+            const bool inFlush = point.phase == kFlush;
+            const bool outputFails =
+                inFlush && (point.function == Function::write ||
+                            (point.function == Function::lseek && point.inPhase == 1));
+            const bool inputSyncFails =
+                inFlush && point.function == Function::syncfs && point.inPhase == 2;
+            const bool refillFails =
+                inFlush && (point.function == Function::read ||
+                            (point.function == Function::lseek && point.inPhase == 2));
+            expected.result =
+                outputFails || inputSyncFails || refillFails ? "flush failed" : "flushed";
+            expected.records = StreamRecords(point, inputSyncFails);
+            // Until the destructor writes them, bytes a failed flush kept are not in the file.
+            const std::string read = outputFails ? kOriginal : written;
+            const bool readCut = point.phase == kRead;
+            expected.check = [written, read, readCut](const Outcome& got) {
+              if (got.content != written) {
+                return "file holds " + got.content;
+              }
+              const bool prefix = read.compare(0, got.contentBefore.size(), got.contentBefore) == 0;
+              if (!prefix || (!readCut && got.contentBefore.size() != read.size())) {
+                return "read " + got.contentBefore + ", want " + read;
+              }
+              return std::string();
+            };
+            return expected;
+          }};
+}
+
+Operation FileInMemory() {
+  return {"File in memory",
+          [](const TempDir&) {
+            return Observe([&](Outcome& out) {
+              SetPhase(kOpen);
+              auto file = std::make_unique<File>(Options(nullptr, 4, 8, true, true));
+              SetPhase(kUse);
+              std::streambuf& buffer = *file;
+              out.result = std::to_string(buffer.sputn("hello", 5));
+              SetPhase(kClose);
+              file.reset();
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir&) {
+            Expected expected;
+            if (point.function == Function::syscall) {
+              expected.exception =
+                  "ios_base::failure (iostream 1): could not open in memory: iostream error";
+              expected.records = {
+                  FileRecord("Impl", 3, "failed on ram syscall with: " + Error(point.error))};
+              return expected;
+            }
+            expected.result = "5";
+            expected.records = StreamRecords(point, false);
+            return expected;
+          }};
+}
+
+// CreateFile on a missing name (recreate false) or RecreateFile on a file with contents.
+Operation CreateOrRecreate(bool recreate) {
+  const std::string function = recreate ? "RecreateFile" : "CreateFile";
+  return {"File::" + function,
+          [recreate](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const std::string name = recreate ? dir.WriteFile("f", kOriginal) : dir / "new";
+              out.result =
+                  (recreate ? File::RecreateFile(name) : File::CreateFile(name)) ? "true" : "false";
+              std::ifstream in(name);
+              out.content = in ? testing::ReadWholeFile(name) : "(missing)";
+            });
+          },
+          [recreate, function](const Point& point, const Outcome&, const TempDir& dir) {
+            Expected expected;
+            const bool failed = point.function == Function::open;
+            expected.result = failed ? "false" : "true";
+            if (failed) {
+              const std::string name = recreate ? dir / "f" : dir / "new";
+              expected.records = {FileRecord(
+                  function, 3, "Could not open " + name + "(" + Error(point.error) + ")")};
+            }
+            const std::string before = recreate ? kOriginal : "(missing)";
+            const std::string want = failed ? before : "";
+            expected.check = [want](const Outcome& got) {
+              return got.content == want ? std::string() : "file holds " + got.content;
+            };
+            return expected;
+          }};
+}
+
+Operation GetFileSize() {
+  return {"File::GetFileSize",
+          [](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              out.result = std::to_string(File::GetFileSize(dir.WriteFile("f", kOriginal)));
+            });
+          },
+          [](const Point&, const Outcome&, const TempDir&) { return WithResult("0"); }};
+}
+
+// --- Directory -------------------------------------------------------------------------------
+
+std::shared_ptr<Directory> DirectoryOn(const std::string& path) {
+  return std::make_shared<Directory>(std::make_shared<Path>(path),
+                                     std::make_shared<SystemCallWrapper>());
+}
+
+// CreateDirectory on a missing path (exists false) or on an existing directory.
+Operation CreateDirectory(bool exists) {
+  return {
+      std::string("Directory::CreateDirectory, ") + (exists ? "existing" : "missing"),
+      [exists](const TempDir& dir) {
+        return Observe([&](Outcome& out) {
+          const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
+          const bool result = DirectoryOn(path)->CreateDirectory();
+          out.result = std::string(result ? "true" : "false") +
+                       (std::ifstream(path + "/.") ? ", present" : ", absent");
+          if (testing::ListTree(dir.Path()) != std::vector<std::string>{"a", "a/b"} &&
+              !testing::ListTree(dir.Path()).empty()) {
+            out.result += ", other entries";
+          }
+        });
+      },
+      [exists](const Point& point, const Outcome&, const TempDir&) {
+        Expected expected;
+        const bool accessFails = point.function == Function::access;
+        if (!exists) {
+          // A missing path that seems to exist (any error but ENOENT) is no directory.
+          const bool seemsToExist = accessFails && point.error != ENOENT;
+          expected.result = seemsToExist || point.function == Function::system ? "false, absent"
+                                                                               : "true, present";
+          return expected;
+        }
+        const bool notDirectory = (accessFails && point.inPhase == 2 && point.error == ENOENT) ||
+                                  point.function == Function::opendir;
+        // A first answer of ENOENT sends the existing directory to mkdir -p, which succeeds.
+        expected.result = notDirectory ? "false, present" : "true, present";
+        return expected;
+      }};
+}
+
+Operation EmptyDirectory() {
+  return {"Directory::EmptyDirectory",
+          [](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              dir.WriteFile("d/x", "1");
+              dir.WriteFile("d/sub/y", "2");
+              dir.WriteFile("d/.keep", "3");
+              out.result = DirectoryOn(dir / "d")->EmptyDirectory() ? "true" : "false";
+              for (const std::string& entry : testing::ListTree(dir / "d")) {
+                out.result += " " + entry;
+              }
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir&) {
+            const bool refused = (point.function == Function::access && point.error == ENOENT) ||
+                                 point.function == Function::opendir ||
+                                 point.function == Function::system;
+            return WithResult(refused ? "false .keep sub sub/y x" : "true .keep");
+          }};
+}
+
+// a, b, sub/c and sub/deeper/d, 100 bytes each; one subdirectory per level.
+Operation GetDirectorySize() {
+  return {"Directory::GetDirectorySize",
+          [](const TempDir& dir) {
+            return Observe([&](Outcome& out) {
+              const std::string hundred(100, 'x');
+              for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
+                dir.WriteFile(name, hundred);
+              }
+              out.result = std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
+            });
+          },
+          [](const Point& point, const Outcome&, const TempDir&) {
+            Expected expected;
+            switch (point.function) {
+              case Function::opendir:
+                // The top level, then sub, then sub/deeper: each lost level takes its files.
+                expected.result =
+                    std::to_string(100 * (point.call - 1) + (point.call > 1 ? 100 : 0));
+                break;
+              case Function::stat:
+                expected.result = "300";
+                break;
+              case Function::closedir:
+                expected.result = "400";
+                break;
+              default:
+                // A failed readdir ends its directory early: a smaller sum of whole files.
+                expected.check = [](const Outcome& got) {
+                  const unsigned long sum = std::stoul(got.result);
+                  return sum <= 400 && sum % 100 == 0 ? std::string() : "sum " + got.result;
+                };
+            }
+            return expected;
+          }};
+}
+
+// A statistics query of "/", whose only call is its statfs; record gives its failure record's
+// text for an errno.
+Operation StatisticsQuery(const std::string& name,
+                          const std::function<std::uint64_t(Directory&)>& query,
+                          const std::function<std::string(int)>& record) {
+  return {"Directory::" + name,
+          [query](const TempDir&) {
+            return Observe([&](Outcome& out) {
+              out.result = query(*DirectoryOn("/")) > 0 ? "positive" : "0";
+            });
+          },
+          [name, record](const Point& point, const Outcome&, const TempDir&) {
+            Expected expected = WithResult("0");
+            expected.records = {FileRecord(name, 3, record(point.error))};
+            return expected;
+          }};
+}
+
+Operation GetFileSystemUsedSize() {
+  return StatisticsQuery(
+      "GetFileSystemUsedSize",
+      [](Directory& directory) { return directory.GetFileSystemUsedSize(); },
+      [](int error) { return "failed to open path with " + std::to_string(error); });
+}
+
+Operation GetPercentageUsed() {
+  return StatisticsQuery(
+      "GetPercentageUsed",
+      [](Directory& directory) {
+        return static_cast<std::uint64_t>(directory.GetPercentageUsed());
+      },
+      [](int error) {
+        return "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")";
+      });
+}
+
+// --- Tar -------------------------------------------------------------------------------------
+
+// An archive shared by every point: "one", "dir/" and "dir/two".
+std::string& Archive() {
+  static std::string archive;
+  return archive;
+}
+
+std::vector<std::string> Split(const std::string& output) {
+  std::vector<std::string> names;
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty() && line.back() != '/') {
+      names.push_back(line);
+    }
+  }
+  return names;
+}
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) {
+    text += name + ";";
+  }
+  return text;
+}
+
+// The runner's own outcome for a point among its calls, or nullopt when the run goes on as
+// usual. status is what the caller sees; records are the runner's.
+struct RunnerFailure {
+  int status = 0;
+  std::vector<std::string> records;
+  bool throws = false;
+};
+
+std::optional<RunnerFailure> RunnerFailureFor(const Point& point, const std::string& ranArgs) {
+  switch (point.function) {
+    case Function::pipe2:
+      return RunnerFailure{-point.error,
+                           {TarRecord("RunCmd", "failed to pipe: " + std::to_string(point.error))}};
+    case Function::fork:
+      return RunnerFailure{-point.error, {TarRecord("RunCmd", "Failed to fork: " + ranArgs)}};
+    case Function::dup2:
+    case Function::execvp:
+      return RunnerFailure{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
+    case Function::waitpid:
+      return RunnerFailure{
+          0, {TarRecord("RunCmd", "waitpid failure: " + Error(point.error))}, true};
+    default:
+      return std::nullopt;
+  }
+}
+
+// What a caller sees when the runner throws: its record and the exception; the child is left
+// for nobody to reap, as the contract has it.
+Expected Thrown(const RunnerFailure& failure) {
+  Expected expected;
+  expected.records = failure.records;
+  expected.exception = "runtime_error: waitpid failure";
+  expected.childMayRemain = true;
+  return expected;
+}
+
+Operation RunCmd() {
+  return {"TarApi::RunCmd",
+          [](const TempDir&) {
+            return Observe([&](Outcome& out) {
+              std::vector<std::string> args = {"-tf", Archive()};
+              const auto [output, status] = TarApi().RunCmd(args);
+              out.result = output + "|" + std::to_string(status);
+              out.content = Joined(args);
+            });
+          },
+          [](const Point& point, const Outcome& baseline, const TempDir&) {
+            Expected expected;
+            const std::string output = baseline.result.substr(0, baseline.result.find('|'));
+            if (auto failure = RunnerFailureFor(point, "tar-tf" + Archive())) {
+              if (failure->throws) {
+                return Thrown(*failure);
+              }
+              expected.records = failure->records;
+              expected.result = "|" + std::to_string(failure->status);
+              // A failed pipe leaves the argument list as it was.
+              const std::string args =
+                  point.function == Function::pipe2 ? "-tf;" + Archive() + ";" : baseline.content;
+              expected.check = [args](const Outcome& got) {
+                return got.content == args ? std::string() : "argument list " + got.content;
+              };
+              return expected;
+            }
+            if (point.function == Function::read) {
+              // Reading stops at the first failure: the output is cut before that byte.
+              expected.result = output.substr(0, point.call - 1) + "|0";
+            } else if (point.function == Function::close) {
+              expected.result = baseline.result;
+              expected.records = {
+                  TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
+            }
+            return expected;
+          }};
+}
+
+// Expectations shared by the Untar operations for a failed archive check at construction.
+std::optional<Expected> UntarConstructionFailure(const Point& point) {
+  if (point.phase == kOpen && point.function == Function::access && point.inPhase == 1 &&
+      point.error == ENOENT) {
+    Expected expected;
+    expected.exception = "runtime_error: Path is not a file";
+    expected.records = {TarRecord("Impl", "path is not a file: " + Archive())};
+    return expected;
+  }
+  return std::nullopt;
+}
+
+Operation FileList() {
+  return {"Untar::FileList",
+          [](const TempDir&) {
+            return Observe([&](Outcome& out) {
+              SetPhase(kOpen);
+              Untar untar(std::make_shared<Path>(Archive()), nullptr);
+              SetPhase(kUse);
+              out.result = Joined(untar.FileList());
+            });
+          },
+          [](const Point& point, const Outcome& baseline, const TempDir&) {
+            if (auto failure = UntarConstructionFailure(point)) {
+              return *failure;
+            }
+            Expected expected;
+            if (auto failure = RunnerFailureFor(point, "tar-tf" + Archive())) {
+              if (failure->throws) {
+                return Thrown(*failure);
+              }
+              expected.records = failure->records;
+              expected.result = "";
+              expected.records.push_back(TarRecord(
+                  "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
+              return expected;
+            }
+            expected.result = baseline.result;
+            if (point.function == Function::read) {
+              const std::string output = "one\ndir/\ndir/two\n";
+              expected.result = Joined(Split(output.substr(0, point.call - 1)));
+            } else if (point.function == Function::close) {
+              expected.records = {
+                  TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
+            }
+            return expected;
+          }};
+}
+
+Operation Extract() {
+  return {
+      "Untar::Extract",
+      [](const TempDir& dir) {
+        return Observe([&](Outcome& out) {
+          const std::string destination = dir.MakeDir("out");
+          SetPhase(kOpen);
+          Untar untar(std::make_shared<Path>(Archive()), nullptr);
+          SetPhase(kUse);
+          out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
+          out.content = Joined(testing::ListTree(destination));
+        });
+      },
+      [](const Point& point, const Outcome& baseline, const TempDir& dir) {
+        if (auto failure = UntarConstructionFailure(point)) {
+          return *failure;
+        }
+        Expected expected;
+        const std::string destination = dir / "out";
+        const bool destinationRefused =
+            point.phase == kUse && ((point.function == Function::access && point.error == ENOENT) ||
+                                    point.function == Function::opendir);
+        const std::string args = "tar--warning=no-timestamp-xf" + Archive() + "-C" + destination;
+        std::optional<RunnerFailure> failure = RunnerFailureFor(point, args);
+        if (destinationRefused) {
+          expected.result = "-1";
+          expected.records = {TarRecord(
+              "DoExtract", "specified path is not an existing directory: " + destination)};
+        } else if (failure && failure->throws) {
+          return Thrown(*failure);
+        } else if (failure) {
+          expected.result = std::to_string(failure->status);
+          expected.records = failure->records;
+        } else {
+          expected.result = baseline.result;
+          if (point.function == Function::close) {
+            expected.records = {
+                TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
+          }
+        }
+        const std::string tree = expected.result == baseline.result ? baseline.content : "";
+        expected.check = [tree](const Outcome& got) {
+          return got.content == tree ? std::string() : "extracted " + got.content;
+        };
+        return expected;
+      }};
+}
+
+// Every operation of the library that the sweep covers; adding one is adding an entry.
+std::vector<Operation> Operations() {
+  return {PathExists(),
+          PathIsDirectory(),
+          FileRead(0),
+          FileRead(4),
+          FileRead(64),
+          FileWrite(0, true),
+          FileWrite(4, true),
+          FileWrite(64, true),
+          FileWrite(4, false),
+          FileWrite(64, false),
+          FileReadWrite(),
+          FileInMemory(),
+          CreateOrRecreate(false),
+          CreateOrRecreate(true),
+          GetFileSize(),
+          CreateDirectory(false),
+          CreateDirectory(true),
+          EmptyDirectory(),
+          GetDirectorySize(),
+          GetFileSystemUsedSize(),
+          GetPercentageUsed(),
+          RunCmd(),
+          FileList(),
+          Extract()};
+}
+
+// --- The harness -----------------------------------------------------------------------------
+
+std::string Compare(const Expected& expected, const Outcome& got) {
+  std::ostringstream problems;
+  if (expected.result && *expected.result != got.result) {
+    problems << " result \"" << got.result << "\", want \"" << *expected.result << "\";";
+  }
+  const std::string wantException = expected.exception.value_or("");
+  if (wantException != got.exception) {
+    problems << " exception \"" << got.exception << "\", want \"" << wantException << "\";";
+  }
+  if (expected.records != got.records) {
+    problems << " records [";
+    for (const std::string& record : got.records) {
+      problems << record << "|";
+    }
+    problems << "], want [";
+    for (const std::string& record : expected.records) {
+      problems << record << "|";
+    }
+    problems << "];";
+  }
+  if (expected.errorAfter && *expected.errorAfter != got.errorAfter) {
+    problems << " errno " << got.errorAfter << ", want " << *expected.errorAfter << ";";
+  }
+  if (expected.check) {
+    const std::string problem = expected.check(got);
+    if (!problem.empty()) {
+      problems << " " << problem << ";";
+    }
+  }
+  return problems.str();
+}
+
+// Runs one point in a forked child; returns an empty text when it passed, else what was wrong.
+std::string RunPoint(const Operation& operation, const Point& point, const Outcome& baseline) {
+  std::fflush(nullptr);
+  int report[2];
+  if (::pipe2(report, O_CLOEXEC) != 0) {
+    return "no pipe for the report";
+  }
+  const int status = testing::RunInChild([&] {
+    ::close(report[0]);
+    ::alarm(20);
+    std::string problems;
+    {
+      const int descriptors = testing::CountOpenDescriptors();
+      const TempDir dir;
+      Arm(point.function, point.call, point.error);
+      const Outcome got = operation.run(dir);
+      const bool fired = Fired();
+      Reset();
+      const Expected expected = operation.expect(point, baseline, dir);
+      problems = Compare(expected, got);
+      if (!fired) {
+        problems += " the fault was never delivered;";
+      }
+      if (testing::HasChildProcesses()) {
+        if (!expected.childMayRemain) {
+          problems += " a child process was left behind;";
+        }
+        while (::waitpid(-1, nullptr, 0) > 0) {
+        }
+      }
+      if (testing::CountOpenDescriptors() != descriptors) {
+        problems += " a descriptor was left open;";
+      }
+    }
+    // The parent reads only after this child has ended: the report must fit the pipe.
+    problems.resize(std::min<std::size_t>(problems.size(), 4096));
+    const ssize_t written = ::write(report[1], problems.data(), problems.size());
+    Exiting();
+#ifdef DRX_SWEEP_EXIT_WRITES_COVERAGE
+    // A coverage build's counters, the library's included, are written by exit; _exit, which
+    // ends the child otherwise, would drop them.
+    std::exit(written == static_cast<ssize_t>(problems.size()) ? 0 : 1);
+#endif
+    return written == static_cast<ssize_t>(problems.size());
+  });
+  ::close(report[1]);
+  std::string problems;
+  char chunk[4096];
+  for (ssize_t n; (n = ::read(report[0], chunk, sizeof chunk)) > 0;) {
+    problems.append(chunk, static_cast<std::size_t>(n));
+  }
+  ::close(report[0]);
+  if (status != 0) {
+    return " the point's child crashed, hung or failed to report (status " +
+           std::to_string(status) + ");" + problems;
+  }
+  return problems;
+}
+
+// The checks must be able to fail: a run that loses a byte, one that leaves a descriptor open
+// and one that leaves a child process behind must each be reported.
+bool HarnessSeesFaults() {
+  const Operation write = FileWrite(4, true);
+  const Point point{Function::write, 1, 1, kUse, EIO};
+  Operation losing = write;
+  losing.run = [write](const TempDir& dir) {
+    Outcome outcome = write.run(dir);
+    outcome.content.pop_back();
+    return outcome;
+  };
+  Operation leaking = write;
+  leaking.run = [write](const TempDir& dir) {
+    ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return write.run(dir);
+  };
+  Operation forking = write;
+  forking.run = [write](const TempDir& dir) {
+    if (::fork() == 0) {
+      ::_exit(0);
+    }
+    return write.run(dir);
+  };
+  for (const Operation* faulty : {&losing, &leaking, &forking}) {
+    if (RunPoint(*faulty, point, Outcome()).empty()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+struct Summary {
+  std::string name;
+  std::size_t calls = 0;
+  std::size_t points = 0;
+  std::map<Function, std::size_t> callsByFunction;
+  std::size_t failed = 0;
+};
+
+std::string ErrnoNames(Function function) {
+  std::string names;
+  for (const int error : Errnos().at(function)) {
+    names += (names.empty() ? "" : ", ") + std::string(strerrorname_np(error));
+  }
+  return names;
+}
+
+void WriteTable(const std::string& file, const std::vector<Summary>& summaries) {
+  std::ofstream out(file);
+  out << "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
+  for (const Summary& summary : summaries) {
+    out << "| " << summary.name << " | " << summary.calls << " | " << summary.points << " | ";
+    bool first = true;
+    for (const auto& [function, count] : summary.callsByFunction) {
+      out << (first ? "" : "; ") << Name(function) << " (" << count << ": " << ErrnoNames(function)
+          << ")";
+      first = false;
+    }
+    out << " |\n";
+  }
+}
+
+int Main(int argc, char** argv) {
+  std::string table;
+  std::string only;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string option = argv[i];
+    if (option == "--table") {
+      table = argv[i + 1];
+    } else if (option == "--only") {
+      only = argv[i + 1];
+    }
+  }
+  // Records are captured per point; nothing reaches the terminal.
+  ::signal(SIGPIPE, SIG_IGN);
+  const TempDir shared;
+  shared.WriteFile("src/one", "1");
+  shared.WriteFile("src/dir/two", "22");
+  Archive() = shared / "archive.tar";
+  if (std::system(("tar -cf " + Archive() + " -C " + shared / "src" + " one dir").c_str()) != 0) {
+    std::cerr << "fault sweep: could not make the archive\n";
+    return 1;
+  }
+
+  if (!HarnessSeesFaults()) {
+    std::cout << "fault sweep: the harness does not see a lost byte, a leaked descriptor or a "
+                 "child left behind\n";
+    return 1;
+  }
+
+  std::vector<Summary> summaries;
+  std::size_t points = 0;
+  std::size_t failed = 0;
+  for (const Operation& operation : Operations()) {
+    if (!only.empty() && operation.name.find(only) == std::string::npos) {
+      continue;
+    }
+    Summary summary;
+    summary.name = operation.name;
+    Outcome baseline;
+    std::vector<Call> trace;
+    {
+      const TempDir dir;
+      StartRecording();
+      baseline = operation.run(dir);
+      trace = Recorded();
+      Reset();
+    }
+    if (!baseline.exception.empty() || !baseline.records.empty()) {
+      std::cout << "FAILED " << operation.name
+                << ": the run without faults did not succeed: " << baseline.exception << "\n";
+      ++failed;
+    }
+    summary.calls = trace.size();
+    std::map<Function, long> seen;
+    std::map<std::pair<Function, int>, long> seenInPhase;
+    for (const Call& call : trace) {
+      const long number = ++seen[call.function];
+      const long inPhase = ++seenInPhase[{call.function, call.phase}];
+      ++summary.callsByFunction[call.function];
+      const auto errnos = Errnos().find(call.function);
+      if (errnos == Errnos().end()) {
+        std::cout << "FAILED " << operation.name << ": no errnos listed for " << Name(call.function)
+                  << "\n";
+        ++failed;
+        continue;
+      }
+      for (const int error : errnos->second) {
+        const Point point{call.function, number, inPhase, call.phase, error};
+        const std::string problems = RunPoint(operation, point, baseline);
+        ++summary.points;
+        if (!problems.empty()) {
+          ++summary.failed;
+          std::cout << "FAILED " << operation.name << ": " << Name(call.function) << " call "
+                    << number << " (phase " << call.phase << ") with " << strerrorname_np(error)
+                    << ":" << problems << "\n";
+        }
+      }
+    }
+    std::cout << operation.name << ": " << summary.calls << " calls, " << summary.points
+              << " points, " << summary.failed << " failed\n";
+    points += summary.points;
+    failed += summary.failed;
+    summaries.push_back(summary);
+  }
+  if (!table.empty()) {
+    WriteTable(table, summaries);
+  }
+  std::cout << "fault sweep: " << points << " points, " << failed << " failed\n";
+  return failed == 0 && points > 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace drn::faults
+
+int main(int argc, char** argv) {
+  return drn::faults::Main(argc, argv);
+}
