@@ -132,10 +132,10 @@ Pointer Next(const char* name) {
 
 const char* Name(Function function) {
   static const char* const names[] = {
-      "access",      "close",        "closedir", "dup2",    "execvp",  "fcntl", "fork",
-      "fsync",       "kill",         "lseek",    "open",    "opendir", "pipe2", "poll",
-      "posix_spawn", "posix_spawnp", "read",     "readdir", "rename",  "stat",  "statfs",
-      "syncfs",      "syscall",      "system",   "waitpid", "write"};
+      "access", "chmod",       "close",        "closedir", "dup2",    "execvp",  "fcntl",
+      "fork",   "fsync",       "kill",         "lseek",    "open",    "opendir", "pipe2",
+      "poll",   "posix_spawn", "posix_spawnp", "read",     "readdir", "remove",  "rename",
+      "stat",   "statfs",      "syncfs",       "syscall",  "system",  "waitpid", "write"};
   static_assert(sizeof(names) / sizeof(names[0]) == kFunctionCount);
   return names[static_cast<std::size_t>(function)];
 }
@@ -202,6 +202,11 @@ extern "C" {
 int access(const char* path, int mode) {
   static const auto next = Next<int (*)(const char*, int)>("access");
   return Intercept(Function::access, DRX_RETURN_ADDRESS) ? -1 : next(path, mode);
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  static const auto next = Next<int (*)(const char*, mode_t)>("chmod");
+  return Intercept(Function::chmod, DRX_RETURN_ADDRESS) ? -1 : next(path, mode);
 }
 
 int close(int fd) {
@@ -321,6 +326,11 @@ ssize_t read(int fd, void* buffer, size_t count) {
 dirent* readdir(DIR* dir) {
   static const auto next = Next<dirent* (*)(DIR*)>("readdir");
   return Intercept(Function::readdir, DRX_RETURN_ADDRESS) ? nullptr : next(dir);
+}
+
+int remove(const char* path) noexcept {
+  static const auto next = Next<int (*)(const char*)>("remove");
+  return Intercept(Function::remove, DRX_RETURN_ADDRESS) ? -1 : next(path);
 }
 
 int rename(const char* from, const char* to) noexcept {

@@ -16,6 +16,7 @@ namespace drn::faults {
 // The interposed functions, in the order of their names.
 enum class Function {
   access,
+  chmod,
   close,
   closedir,
   dup2,
@@ -33,6 +34,7 @@ enum class Function {
   posix_spawnp,
   read,
   readdir,
+  remove,
   rename,
   stat,
   statfs,

@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -27,6 +28,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "AtomicFile.h"
 #include "Directory.h"
 #include "FaultInjector.h"
 #include "File.h"
@@ -47,17 +49,21 @@ enum Phase : int { kOpen = 1, kUse, kFlush, kClose, kRead };
 const std::map<Function, std::vector<int>>& Errnos() {
   static const std::map<Function, std::vector<int>> errnos = {
       {Function::access, {ENOENT, EACCES, EIO}},
+      {Function::chmod, {EPERM, EIO}},
       {Function::close, {EIO, EINTR}},
       {Function::closedir, {EIO}},
       {Function::dup2, {EINTR, EMFILE, EBUSY}},
       {Function::execvp, {ENOENT, EACCES, ENOMEM}},
       {Function::fork, {EAGAIN, ENOMEM}},
+      {Function::fsync, {EIO, ENOSPC, EINTR}},
       {Function::lseek, {EINVAL, EOVERFLOW}},
       {Function::open, {EACCES, EMFILE, ENOSPC, EINTR, EIO}},
       {Function::opendir, {EACCES, EMFILE, ENOMEM}},
       {Function::pipe2, {EMFILE, ENFILE}},
       {Function::read, {EIO, EINTR, EAGAIN}},
       {Function::readdir, {EIO}},
+      {Function::remove, {EACCES, EIO, EBUSY}},
+      {Function::rename, {EACCES, EIO, ENOSPC}},
       {Function::stat, {EACCES, EIO, ENOMEM}},
       {Function::statfs, {EACCES, EIO, EINTR}},
       {Function::syncfs, {EIO, ENOSPC}},
@@ -479,6 +485,180 @@ Operation GetFileSize() {
           [](const Point&, const Outcome&, const TempDir&) { return WithResult("0"); }};
 }
 
+// --- AtomicFile ------------------------------------------------------------------------------
+
+// How a replacement ends.
+enum class Ending { Commit, Cancel, Destroy };
+
+// The temporary file's random suffix, replaced by a fixed one so that records and listings can
+// be compared.
+std::string WithFixedSuffix(const std::string& text) {
+  static const std::regex suffix(R"(/\.f\.[A-Za-z0-9]{6})");
+  return std::regex_replace(text, suffix, "/.f.XXXXXX");
+}
+
+// Every entry of directory as "name=content;", in name order.
+std::string Entries(const std::string& directory) {
+  std::string entries;
+  for (const std::string& name : testing::ListTree(directory)) {
+    entries += WithFixedSuffix("/" + name).substr(1) + "=" +
+               testing::ReadWholeFile(directory + "/" + name) + ";";
+  }
+  return entries;
+}
+
+std::string AtomicRecord(const std::string& function, const std::string& text) {
+  return FileRecord(function, 3, text);
+}
+
+// Replaces a/f (holding kOriginal when existing is set, else missing) through an AtomicFile with
+// a buffer of bufferSize: writes kData in four pieces, then commits, cancels or is destroyed.
+// Output after Commit or Cancel must fail. content is a/ afterwards: the target and anything
+// else left there.
+Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) {
+  const char* const endings[] = {"Commit", "Cancel", "destruction"};
+  std::string name = std::string("AtomicFile, ") + endings[static_cast<int>(ending)] + ", " +
+                     (existing ? "existing" : "new") + " target, buffer " +
+                     std::to_string(bufferSize);
+  return {
+      name,
+      [existing, bufferSize, ending](const TempDir& dir) {
+        const std::string directory = dir.MakeDir("a");
+        const std::string target = existing ? dir.WriteFile("a/f", kOriginal) : dir / "a/f";
+        Outcome outcome = Observe([&](Outcome& out) {
+          SetPhase(kOpen);
+          try {
+            auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
+            SetPhase(kUse);
+            *file << "0123"
+                  << "456";
+            file->put('7');
+            *file << "89A";
+            out.result = file->good() ? "written" : "bad";
+            SetPhase(kFlush);
+            if (ending == Ending::Commit) {
+              out.result += file->Commit() ? ", committed" : ", not committed";
+            } else if (ending == Ending::Cancel) {
+              file->Cancel();
+            }
+            if (ending != Ending::Destroy) {
+              *file << 'x';
+              out.result += file->bad() ? ", bad" : ", good";
+            }
+            SetPhase(kClose);
+            file.reset();
+          } catch (...) {
+            out.content = Entries(directory);
+            throw;
+          }
+          out.content = Entries(directory);
+        });
+        for (std::string& record : outcome.records) {
+          record = WithFixedSuffix(record);
+        }
+        return outcome;
+      },
+      [existing, ending](const Point& point, const Outcome&, const TempDir& dir) {
+        const std::string target = dir / "a/f";
+        const std::string temporary = dir / "a/.f.XXXXXX";
+        const std::string directory = dir / "a/";
+        const std::string before = existing ? "f=" + kOriginal + ";" : "";
+        const std::string after = "f=" + kData + ";";
+        const auto holds = [](const std::string& want) {
+          return [want](const Outcome& got) {
+            return got.content == want ? std::string() : "a/ holds " + got.content;
+          };
+        };
+        Expected expected;
+        if (point.phase == kOpen) {
+          // The constructor throws after its record and leaves nothing behind.
+          const std::map<Function, std::pair<std::string, std::string>> failures = {
+              {Function::stat,
+               {"AtomicFile cannot examine its path", "cannot examine " + target + ": "}},
+              {Function::open,
+               {"AtomicFile cannot create its temporary file",
+                "cannot create a temporary file beside " + target + ": "}},
+              {Function::chmod,
+               {"AtomicFile cannot set its temporary file's mode",
+                "cannot give " + temporary + " the mode of " + target + ": "}}};
+          const auto& [message, record] = failures.at(point.function);
+          expected.exception = "ios_base::failure (iostream 1): " + message + ": iostream error";
+          expected.records = {AtomicRecord("Impl", record + Error(point.error))};
+          expected.check = holds(before);
+          return expected;
+        }
+        const bool commits = ending == Ending::Commit;
+        // The step Commit or a write names when it fails, and whether the rename was done.
+        std::optional<std::pair<std::string, bool>> step;
+        if (point.function == Function::write && point.error != EINTR) {
+          step = {"write to " + temporary, false};
+        } else if (commits && point.phase == kFlush) {
+          const bool first = point.inPhase == 1;
+          switch (point.function) {
+            case Function::fsync:
+              step = {"fsync of " + (first ? temporary : directory), !first};
+              break;
+            case Function::close:
+              step = {"close of " + (first ? temporary : directory), !first};
+              break;
+            case Function::rename:
+              step = {"rename of " + temporary + " to " + target, false};
+              break;
+            case Function::open:
+              step = {"open of " + directory, true};
+              break;
+            default:
+              break;
+          }
+        }
+        const std::string endResult = commits                    ? ", committed, bad"
+                                      : ending == Ending::Cancel ? ", bad"
+                                                                 : "";
+        expected.result = "written" + endResult;
+        expected.check = holds(commits ? after : before);
+        if (step) {
+          const auto& [what, inPlace] = *step;
+          expected.records = {AtomicRecord(
+              "Fail", "replacing " + target + " failed on " + what + ": " + Error(point.error) +
+                          (inPlace ? "; the new content is in place but its durability is not "
+                                     "confirmed"
+                                   : "; it keeps its old content"))};
+          expected.check = holds(inPlace ? after : before);
+          if (point.phase == kUse) {
+            // The stream went bad at the write; a later Commit finds nothing to commit.
+            expected.result = commits                    ? "bad, not committed, bad"
+                              : ending == Ending::Cancel ? "bad, bad"
+                                                         : "bad";
+            if (commits) {
+              expected.records.push_back(AtomicRecord(
+                  "DoCommit",
+                  "nothing to commit for " + target + ": already committed, cancelled or failed"));
+            }
+          } else {
+            expected.result = "written, not committed, bad";
+          }
+        } else if (point.function == Function::remove) {
+          // Only a failed removal leaves the temporary file, and says so.
+          expected.records = {AtomicRecord("Discard", "cannot remove the temporary file " +
+                                                          temporary + ": " + Error(point.error))};
+          // It holds a prefix of what was written: the bytes drained before the end.
+          expected.check = [before](const Outcome& got) {
+            const std::string left = ".f.XXXXXX=";
+            const std::size_t end =
+                got.content.size() - std::min(got.content.size(), before.size() + 1);
+            const std::string written = got.content.size() > left.size() + before.size()
+                                            ? got.content.substr(left.size(), end - left.size())
+                                            : "";
+            return got.content == left + written + ";" + before &&
+                           kData.compare(0, written.size(), written) == 0
+                       ? std::string()
+                       : "a/ holds " + got.content;
+          };
+        }
+        return expected;
+      }};
+}
+
 // --- Directory -------------------------------------------------------------------------------
 
 std::shared_ptr<Directory> DirectoryOn(const std::string& path) {
@@ -830,6 +1010,11 @@ std::vector<Operation> Operations() {
           CreateOrRecreate(false),
           CreateOrRecreate(true),
           GetFileSize(),
+          AtomicReplace(true, 4, Ending::Commit),
+          AtomicReplace(false, 0, Ending::Commit),
+          AtomicReplace(true, 64, Ending::Commit),
+          AtomicReplace(true, 4, Ending::Cancel),
+          AtomicReplace(true, 4, Ending::Destroy),
           CreateDirectory(false),
           CreateDirectory(true),
           EmptyDirectory(),
@@ -962,7 +1147,14 @@ bool HarnessSeesFaults() {
       return false;
     }
   }
-  return true;
+  const Operation replace = AtomicReplace(true, 4, Ending::Commit);
+  Operation leaving = replace;
+  leaving.run = [replace](const TempDir& dir) {
+    Outcome outcome = replace.run(dir);
+    outcome.content = ".f.XXXXXX=0123;" + outcome.content;
+    return outcome;
+  };
+  return !RunPoint(leaving, Point{Function::fsync, 1, 1, kFlush, EIO}, Outcome()).empty();
 }
 
 struct Summary {
