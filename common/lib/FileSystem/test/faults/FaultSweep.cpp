@@ -57,6 +57,7 @@ const std::map<Function, std::vector<int>>& Errnos() {
       {Function::fork, {EAGAIN, ENOMEM}},
       {Function::fsync, {EIO, ENOSPC, EINTR}},
       {Function::lseek, {EINVAL, EOVERFLOW}},
+      {Function::memfd_create, {EMFILE, ENOMEM}},
       {Function::open, {EACCES, EMFILE, ENOSPC, EINTR, EIO}},
       {Function::opendir, {EACCES, EMFILE, ENOMEM}},
       {Function::pipe2, {EMFILE, ENFILE}},
@@ -67,7 +68,6 @@ const std::map<Function, std::vector<int>>& Errnos() {
       {Function::stat, {EACCES, EIO, ENOMEM}},
       {Function::statfs, {EACCES, EIO, EINTR}},
       {Function::syncfs, {EIO, ENOSPC}},
-      {Function::syscall, {EMFILE, ENOMEM}},
       {Function::system, {EAGAIN, ENOMEM}},
       {Function::waitpid, {EINTR, ECHILD}},
       {Function::write, {EIO, ENOSPC, EINTR}},
@@ -431,7 +431,7 @@ Operation FileInMemory() {
           },
           [](const Point& point, const Outcome&, const TempDir&) {
             Expected expected;
-            if (point.function == Function::syscall) {
+            if (point.function == Function::memfd_create) {
               expected.exception =
                   "ios_base::failure (iostream 1): could not open in memory: iostream error";
               expected.records = {
@@ -1199,6 +1199,7 @@ int Main(int argc, char** argv) {
       only = argv[i + 1];
     }
   }
+  Prepare();
   // Records are captured per point; nothing reaches the terminal.
   ::signal(SIGPIPE, SIG_IGN);
   const TempDir shared;
