@@ -3,8 +3,10 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Command.h"
@@ -48,6 +50,37 @@ std::string OneLine(const std::string& text) {
   return joined;
 }
 
+// Records that end in a bare error number, and what they say instead with the number's text.
+struct NumberedRecord {
+  std::string_view prefix;
+  std::string_view replacement;
+};
+constexpr std::array<NumberedRecord, 5> kNumberedRecords = {{
+    {"failed to pipe: ", "failed to pipe: "},
+    {"failed to close pipe: ", "failed to close pipe: "},
+    {"failed to open path with ", "failed to examine the file system: "},
+    {"failed on close with ", "failed to close: "},
+    // A negative status: no child could be started.
+    {"Tar command failed: -", "tar could not be started: "},
+}};
+
+// text with an error number at its end replaced by the number's text ("failed to pipe: 24" →
+// "failed to pipe: Too many open files").
+std::string WithErrorText(const std::string& text) {
+  for (const NumberedRecord& record : kNumberedRecords) {
+    if (text.compare(0, record.prefix.size(), record.prefix) != 0) {
+      continue;
+    }
+    const std::string number = text.substr(record.prefix.size());
+    if (number.empty() || number.size() > 4 ||
+        number.find_first_not_of("0123456789") != std::string::npos) {
+      continue;
+    }
+    return std::string(record.replacement) + std::strerror(std::stoi(number));
+  }
+  return text;
+}
+
 }  // namespace
 
 void WatchLibraryLog(int logLevel) {
@@ -77,7 +110,7 @@ void WatchLibraryLog(int logLevel) {
 
 void ThrowOnLibraryError(const std::string& path) {
   if (!lastError.empty()) {
-    throw Failure(path, OneLine(std::exchange(lastError, std::string())));
+    throw Failure(path, WithErrorText(OneLine(std::exchange(lastError, std::string()))));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 
@@ -12,6 +13,7 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
 constexpr int kUnsetLogLevel = -1;
+constexpr std::size_t kLongestUsageLine = 1000;
 
 constexpr const char* kFooter =
     "Exit status: 0 on success, 1 when the operation failed, 2 on a usage error.\n"
@@ -32,14 +34,34 @@ std::string CommandName(const CLI::App& app) {
   }
 }
 
+// What is wrong with a command line: a word where a command's name belongs is named as unknown.
+std::string Problem(const CLI::App& failed, const CLI::Error& error) {
+  const CLI::App* outermost = &failed;
+  while (outermost->get_parent() != nullptr) {
+    outermost = outermost->get_parent();
+  }
+  const CLI::App* innermost = outermost;
+  while (!innermost->get_subcommands().empty()) {
+    innermost = innermost->get_subcommands().front();
+  }
+  // With fallthrough, words that no command took are kept by the outermost one.
+  const std::vector<std::string> rest = outermost->remaining(true);
+  if (!innermost->get_subcommands({}).empty() && !rest.empty() && rest.front().rfind('-', 0) != 0) {
+    return "unknown command \"" + rest.front() + "\"";
+  }
+  return error.what();
+}
+
 int Run(const CLI::App& app, const Command& command) {
   try {
     command.run();
   } catch (const std::exception& error) {
+    WaitIfStopping();
     std::cout.flush();
     std::cerr << CommandName(app) << ": " << error.what() << '\n';
     return kFailed;
   }
+  WaitIfStopping();
   if (!std::cout.flush()) {
     std::cerr << CommandName(app) << ": standard output: write error\n";
     return kFailed;
@@ -56,7 +78,8 @@ int Main(int argc, char** argv) {
   // Global options may also follow the command's name.
   app.fallthrough();
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
-    return CommandName(*failed) + ": " + error.what() + " (see --help)\n";
+    return Bounded(CommandName(*failed) + ": " + Problem(*failed, error), kLongestUsageLine) +
+           " (see --help)\n";
   });
   int logLevel = kUnsetLogLevel;
   app.add_option("--log-level", logLevel, "Show the library's log records of level N and below")
@@ -76,6 +99,7 @@ int Main(int argc, char** argv) {
     return status == 0 ? 0 : kUsageError;
   }
   WatchLibraryLog(logLevel);
+  StopOnSignals();
   for (const Command& command : commands) {
     if (command.app->parsed()) {
       return Run(app, command);
