@@ -20,6 +20,11 @@ struct Command {
 };
 using Commands = std::vector<Command>;
 
+// The longest path and reason that a failure line shows whole; with the command's name in front,
+// a failure line stays within about 1 KiB.
+constexpr std::size_t kLongestPath = 256;
+constexpr std::size_t kLongestReason = 640;
+
 // A failed operation: the path it was working on and why. what() is "PATH: REASON", kept to
 // about 1 KiB: a long path loses its middle, a long reason its middle but not its last lines.
 class Failure : public std::runtime_error {

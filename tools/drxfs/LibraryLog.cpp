@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Command.h"
 #include "LogClient.h"
@@ -27,10 +28,10 @@ bool Shown(int level) {
   return level >= 0 && level < static_cast<int>(shown.size()) && shown[level];
 }
 
-// The lines of text joined by "; ", without empty lines or a comma or blanks ending a line:
-// records that carry a child's output span several lines.
-std::string OneLine(const std::string& text) {
-  std::string joined;
+// The lines of text without empty lines or a comma or blanks ending a line: records that carry
+// a child's output span several lines.
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
   std::string::size_type start = 0;
   while (start < text.size()) {
     std::string::size_type end = text.find('\n', start);
@@ -43,9 +44,40 @@ std::string OneLine(const std::string& text) {
       line.pop_back();
     }
     if (!line.empty()) {
-      joined += (joined.empty() ? "" : "; ") + line;
+      lines.push_back(std::move(line));
     }
     start = end + 1;
+  }
+  return lines;
+}
+
+// The lines joined by "; ". When that is too long for a failure line, only the first line (what
+// failed) and tar's own messages (the cause) are kept, among up to thousands of listed names,
+// with the number of lines left out in their place.
+std::string OneLine(const std::string& text) {
+  const std::vector<std::string> lines = Lines(text);
+  std::string joined;
+  for (const std::string& line : lines) {
+    joined += (joined.empty() ? "" : "; ") + line;
+  }
+  if (joined.size() <= kLongestReason) {
+    return joined;
+  }
+  joined.clear();
+  std::size_t leftOut = 0;
+  for (std::size_t index = 0; index < lines.size(); ++index) {
+    const bool kept = index == 0 || lines[index].rfind("tar: ", 0) == 0;
+    if (kept && leftOut > 0) {
+      joined += "; [... " + std::to_string(std::exchange(leftOut, 0)) + " lines left out ...]";
+    }
+    if (kept) {
+      joined += (joined.empty() ? "" : "; ") + lines[index];
+    } else {
+      ++leftOut;
+    }
+  }
+  if (leftOut > 0) {
+    joined += "; [... " + std::to_string(leftOut) + " lines left out ...]";
   }
   return joined;
 }

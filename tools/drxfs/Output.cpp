@@ -19,10 +19,6 @@ namespace drn::drxfs {
 
 namespace {
 
-// With the command's name in front, a failure line stays within about 1 KiB.
-constexpr std::size_t kShownPathLength = 256;
-constexpr std::size_t kShownReasonLength = 640;
-
 bool IsContinuationByte(char c) {
   return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
 }
@@ -30,8 +26,7 @@ bool IsContinuationByte(char c) {
 }  // namespace
 
 Failure::Failure(const std::string& path, const std::string& reason)
-    : std::runtime_error(Bounded(path, kShownPathLength) + ": " +
-                         Bounded(reason, kShownReasonLength)) {}
+    : std::runtime_error(Bounded(path, kLongestPath) + ": " + Bounded(reason, kLongestReason)) {}
 
 std::string Bounded(const std::string& text, std::size_t limit) {
   if (text.size() <= limit) {
