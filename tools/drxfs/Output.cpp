@@ -80,7 +80,9 @@ void Require(const std::string& path, Expect expect) {
 }
 
 void AddReportOptions(CLI::App& command, Report& report, bool sizes) {
-  command.add_flag("--json", report.json, "Print the result as JSON (sizes always in bytes)");
+  command.add_flag("--json", report.json,
+                   "Print the result as JSON (sizes always in bytes; a name that is not valid "
+                   "UTF-8 as the array of its byte values)");
   if (sizes) {
     command.add_flag("-h,--human", report.human, "Print sizes in binary units (KiB, MiB, ...)");
   }

@@ -18,6 +18,7 @@ constexpr std::size_t kLongestUsageLine = 1000;
 constexpr const char* kFooter =
     "Exit status: 0 on success, 1 when the operation failed, 2 on a usage error.\n"
     "Every failure is one line on standard error naming the path and the reason.\n"
+    "SIGINT, SIGTERM or SIGHUP ends tar and whatever else drxfs started, then drxfs (128+signal).\n"
     "--log-level N shows the library's records of level N and below (0 to 7; syslog numbering);\n"
     "without it, DRX_LOG_LEVEL decides, and when that is unset only level 2 and below appear.";
 
