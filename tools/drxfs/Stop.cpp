@@ -110,7 +110,7 @@ void StopWhenSignalled() {
   struct sigaction defaultAction {};
   defaultAction.sa_handler = SIG_DFL;
   ::sigaction(signal, &defaultAction, nullptr);
-  ::raise(signal);
+  static_cast<void>(::raise(signal));
   ::_exit(128 + signal);
 }
 
@@ -130,7 +130,11 @@ void StopOnSignals() {
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
   for (const int signal : kStopSignals) {
-    ::sigaction(signal, &action, nullptr);
+    // A signal ignored by whoever started drxfs (nohup, a background job) stays ignored.
+    struct sigaction previous {};
+    if (::sigaction(signal, nullptr, &previous) == 0 && previous.sa_handler != SIG_IGN) {
+      ::sigaction(signal, &action, nullptr);
+    }
   }
 }
 
