@@ -75,6 +75,8 @@ class DrxfsProcess {
           (!setting.unprivileged ||
            (::setgroups(0, nullptr) == 0 && ::setgid(kUnprivilegedId) == 0 &&
             ::setuid(kUnprivilegedId) == 0));
+      // drxfs starts with descriptors 0 to 2 alone, whatever the test runner left open.
+      ::close_range(3, ~0U, 0);
       if (ready && setting.openFileLimit) {
         const rlimit limit{*setting.openFileLimit, *setting.openFileLimit};
         ::setrlimit(RLIMIT_NOFILE, &limit);
