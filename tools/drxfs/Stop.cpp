@@ -1,6 +1,7 @@
 // drxfs: a stop signal ends drxfs together with every process it started.
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -66,8 +68,10 @@ std::vector<pid_t> RunningChildren() {
       continue;
     }
     const char state = line[commandEnd + 2];
-    if (state != 'Z' && state != 'X' && std::stol(line.substr(commandEnd + 4)) == self) {
-      children.push_back(static_cast<pid_t>(std::stol(name)));
+    // strtol, not stol: nothing read here may throw on the way out.
+    const long parent = std::strtol(line.c_str() + commandEnd + 4, nullptr, 10);
+    if (state != 'Z' && state != 'X' && parent == self) {
+      children.push_back(static_cast<pid_t>(std::strtol(name.c_str(), nullptr, 10)));
     }
   }
   ::closedir(proc);
@@ -101,7 +105,7 @@ void EndChildren() {
   }
 }
 
-void StopWhenSignalled() {
+void* StopWhenSignalled(void* /*unused*/) {
   char byte = 0;
   while (::read(wakePipe[0], &byte, 1) < 0 && errno == EINTR) {
   }
@@ -123,7 +127,13 @@ void StopOnSignals() {
   }
   // Orphaned descendants come to drxfs instead of init, so that a stop finds them too.
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-  std::thread(StopWhenSignalled).detach();
+  // Detached: it is never joined and ends with the process.
+  pthread_t thread{};
+  const int error = ::pthread_create(&thread, nullptr, StopWhenSignalled, nullptr);
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), "cannot watch for stop signals");
+  }
+  ::pthread_detach(thread);
   // A handler, not a blocked mask: children inherit a mask, and tar must stay stoppable by others.
   struct sigaction action {};
   action.sa_handler = OnStopSignal;
