@@ -1,6 +1,5 @@
 // Each drxfs command's output and exit status on real files, trees and archives.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 
 #include "FakeProgramDir.h"
 #include "RunDrxfs.h"
+#include "ScratchFileSystem.h"
 
 namespace drn {
 namespace {
@@ -25,9 +25,9 @@ using testing::DrxfsResult;
 using testing::DrxfsSetting;
 using testing::FakeProgramDir;
 using testing::ListTree;
-using testing::MountedTmpfs;
 using testing::ReadWholeFile;
 using testing::RunDrxfs;
+using testing::ScratchFileSystem;
 using testing::TempDir;
 using testing::WithInput;
 
@@ -105,8 +105,8 @@ TEST(DrxfsCommandTest, WriteAtomicReplacesTheWholeFileOrLeavesItAsItWas) {
   EXPECT_TRUE(ReadWholeFile(dir / "fresh") == input);
 
   // More input than the file system holds: nothing changes, and the failure says why.
-  const MountedTmpfs small(dir / "small", "64k");
-  ASSERT_TRUE(small.mounted) << "mounting a tmpfs needs root";
+  const ScratchFileSystem small(dir / "small", "size=64k");
+  ASSERT_EQ(small.Failure(), "");
   const std::string full = dir.WriteFile("small/settings", "old");
   const DrxfsResult failed = RunDrxfs({"write", "--atomic", full}, std::string(1 << 20, 'z'));
   EXPECT_EQ(failed.status, 1);
@@ -116,7 +116,7 @@ TEST(DrxfsCommandTest, WriteAtomicReplacesTheWholeFileOrLeavesItAsItWas) {
                                               "left on device; it keeps its old content\n")))
       << failed.err;
   EXPECT_EQ(ReadWholeFile(full), "old");
-  EXPECT_EQ(ListTree(small.path), std::vector<std::string>{"settings"});
+  EXPECT_EQ(ListTree(small.MountPoint()), std::vector<std::string>{"settings"});
 }
 
 TEST(DrxfsCommandTest, MkdirAndEmptyLeaveWhatIsAlreadyAsAsked) {
@@ -158,10 +158,8 @@ TEST(DrxfsEmptyTest, TheRootDirectoryIsEmptiedOnlyWhenAskedExplicitly) {
 TEST(DrxfsEmptyTest, AFailureAtAMountPointSaysTheMountedContentsMayBeGone) {
   const TempDir dir;
   const std::string mountPoint = dir.MakeDir("d/mnt");
-  ASSERT_EQ(::mount("drxfs-test", mountPoint.c_str(), "tmpfs", 0, "size=1m"), 0)
-      << std::strerror(errno);
-  const std::unique_ptr<const char, void (*)(const char*)> unmount(
-      mountPoint.c_str(), [](const char* path) { ::umount2(path, MNT_DETACH); });
+  const ScratchFileSystem mounted(mountPoint, "size=1m");
+  ASSERT_EQ(mounted.Failure(), "");
   dir.WriteFile("d/mnt/kept-on-the-mount", "x");
   const DrxfsResult result = RunDrxfs({"empty", dir / "d"});
   testing::ExpectOneLineFailure(result, 1);
