@@ -165,15 +165,18 @@ TEST(DirectoryCommandTest, PassesThePathAsOneWordAndOnlyWhenNeeded) {
   EXPECT_TRUE(On("full/").EmptyDirectory());
   EXPECT_TRUE(On(dir.Path()).CreateDirectory());
   EXPECT_FALSE(On("missing").EmptyDirectory());
-  // An existing directory is answered before any rule for command lines applies.
+  // An existing directory is answered before any rule for command lines applies (a NUL ends the
+  // text the file system sees).
   EXPECT_TRUE(On("-rf").CreateDirectory());
   EXPECT_FALSE(On("-rf").EmptyDirectory());
+  EXPECT_TRUE(On(std::string("full\0/../-rf", 12)).CreateDirectory());
   // Not a directory; a leading '-' would be read as options; a NUL would cut the command short.
-  for (const std::string& refused : {std::string("file"), std::string("-new"), std::string("--"),
-                                     std::string("a\0b", 3), std::string("full\0/../-rf", 12)}) {
+  for (const std::string& refused :
+       {std::string("file"), std::string("-new"), std::string("--"), std::string("a\0b", 3)}) {
     EXPECT_FALSE(On(refused).CreateDirectory()) << refused;
     EXPECT_FALSE(On(refused).EmptyDirectory()) << refused;
   }
+  EXPECT_FALSE(On(std::string("full\0/../-rf", 12)).EmptyDirectory());
   // Without a path every operation fails; without a wrapper the fill level does.
   Directory noPath;
   EXPECT_FALSE(noPath.CreateDirectory());

@@ -184,6 +184,14 @@ TEST_F(StreamingTarApiTest, TarDiesWithTheCallingProgramOrThread) {
     }
     return static_cast<pid_t>(std::stoi(testing::ReadWholeFile(pidFile)));
   };
+  // tar becomes this process's child once the processes between have gone.
+  const auto killedBySigkill = [](pid_t tar) {
+    int status = 0;
+    while (::waitpid(tar, &status, 0) != tar) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+  };
   const auto list = [this] {
     std::vector<std::string> listArgs = {"-tf", "a.tar"};
     StreamingTarApi().RunCmd(listArgs);
@@ -201,9 +209,7 @@ TEST_F(StreamingTarApiTest, TarDiesWithTheCallingProgramOrThread) {
                   }
                   const pid_t tar = tarPid();
                   ::kill(program, SIGKILL);
-                  int status = 0;
-                  return ::waitpid(tar, &status, 0) == tar && WIFSIGNALED(status) &&
-                         WTERMSIG(status) == SIGKILL;
+                  return killedBySigkill(tar);
                 }
                 // The calling thread ends at once, without unwinding, from a signal handler.
                 std::signal(SIGUSR1, [](int) { ::syscall(SYS_exit, 0); });
@@ -211,9 +217,7 @@ TEST_F(StreamingTarApiTest, TarDiesWithTheCallingProgramOrThread) {
                 const pid_t tar = tarPid();
                 ::pthread_kill(caller.native_handle(), SIGUSR1);
                 caller.detach();
-                int status = 0;
-                return ::waitpid(tar, &status, 0) == tar && WIFSIGNALED(status) &&
-                       WTERMSIG(status) == SIGKILL;
+                return killedBySigkill(tar);
               }),
               0)
         << (wholeProgram ? "program killed" : "thread ended");
