@@ -2,15 +2,18 @@
 #include "GuardedChild.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <ctime>
 
 #if __has_include(<valgrind/valgrind.h>)
 #include <valgrind/valgrind.h>
@@ -105,34 +108,42 @@ DRN_CHILD_CODE void ResetSignalHandlers() {
   }
 }
 
-// The intermediate: starts the program, tells the caller it runs (one byte on the report pipe),
-// waits for it, killing it when the caller sends SIGTERM, and reports its wait status there.
-// errno is the calling thread's: after the first byte, the only failure these calls can leave
-// in it is EINTR, which the caller's loops take for what it is.
+// The intermediate: starts the program, tells the caller it runs (one byte on the socket it
+// shares with the caller), waits for it, killing it with SIGKILL when the caller closes its end
+// of the socket (or dies), and reports its wait status there. errno is the calling thread's:
+// after the first byte, the only failure these calls can leave in it is EINTR, which the
+// caller's loops take for what it is.
 DRN_CHILD_CODE int RunIntermediate(void* argument) {
   const auto& launch = *static_cast<const GuardedChild::Launch*>(argument);
   DieWithParent(launch.callerPid);
   ResetSignalHandlers();
+  ::syscall(SYS_close, launch.callerEnd);
   const ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid)};
   const long program = __clone(RunProgram, launch.programStack, CLONE_VM | CLONE_VFORK | SIGCHLD,
                                const_cast<ProgramLaunch*>(&programLaunch));
   if (program < 0) {
     ExitGroup(kCouldNotRun);
   }
+  // Nobody else can reap the program, so its number cannot name another process yet.
+  const long programEnd = ::syscall(SYS_pidfd_open, program, 0);
   const char started = 1;
   ::syscall(SYS_write, launch.reportFd, &started, 1);
   ::syscall(SYS_close, launch.outputFd);
 
-  const unsigned long wanted = (1UL << (SIGCHLD - 1)) | (1UL << (SIGTERM - 1));
+  pollfd events[] = {{launch.reportFd, POLLIN, 0}, {static_cast<int>(programEnd), POLLIN, 0}};
+  // Without a pidfd (a kernel before 5.3) the program's end is looked for every 10 ms.
+  const bool watched = programEnd >= 0;
+  const timespec tick{0, 10'000'000};
   int status = 0;
   for (;;) {
-    const long signal =
-        ::syscall(SYS_rt_sigtimedwait, &wanted, nullptr, nullptr, kKernelSigsetSize);
-    if (signal == SIGTERM) {
+    ::syscall(SYS_ppoll, events, watched ? 2 : 1, watched ? nullptr : &tick, nullptr,
+              kKernelSigsetSize);
+    if (events[0].revents != 0) {
       ::syscall(SYS_kill, program, SIGKILL);
+      ::syscall(SYS_wait4, program, &status, 0, nullptr);
+      ExitGroup(0);
     }
-    const int flags = signal == SIGTERM ? 0 : WNOHANG;
-    if (::syscall(SYS_wait4, program, &status, flags, nullptr) == program) {
+    if (::syscall(SYS_wait4, program, &status, WNOHANG, nullptr) == program) {
       break;
     }
   }
@@ -169,13 +180,13 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
     return nullptr;
   }
   int fds[2] = {-1, -1};
-  if (::pipe2(fds, O_CLOEXEC) != 0) {
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
     return nullptr;
   }
   child->report.Reset(fds[0]);
-  Descriptor reportWrite(fds[1]);
-  child->launch = Launch{
-      program, argv, outputFd, reportWrite.Get(), ::getpid(), {}, child->stacks->ProgramTop()};
+  Descriptor intermediateEnd(fds[1]);
+  child->launch = Launch{program, argv,       outputFd, intermediateEnd.Get(),
+                         fds[0],  ::getpid(), {},       child->stacks->ProgramTop()};
 
   // Until the program has been executed, no handler of the caller may run (in the intermediate
   // it would run in the caller's memory) and the calling thread leaves errno to the children.
@@ -188,7 +199,7 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
   child->intermediate =
       __clone(RunIntermediate, child->stacks->IntermediateTop(), flags, &child->launch);
   const int error = errno;
-  reportWrite.Close();
+  intermediateEnd.Close();
   if (child->intermediate > 0) {
     // Every signal is blocked, so nothing interrupts this: a byte once the program runs, end of
     // file when the intermediate ended without starting it.
@@ -230,7 +241,8 @@ GuardedChild::Wait GuardedChild::TryWait(bool block, int& status) {
 
 void GuardedChild::Kill() {
   if (intermediate > 0) {
-    ::kill(intermediate, SIGTERM);
+    // Closing the caller's end asks the intermediate to kill the program.
+    report.Reset(-1);
     RetryOnEintr([this] { return ::waitpid(intermediate, nullptr, __WALL); });
     intermediate = -1;
   }

@@ -42,7 +42,9 @@ class GuardedChild {
     const char* program;
     char* const* argv;
     int outputFd;
+    // The intermediate's end of the socket it shares with the caller, and the caller's end.
     int reportFd;
+    int callerEnd;
     pid_t callerPid;
     sigset_t callerMask;
     char* programStack;
