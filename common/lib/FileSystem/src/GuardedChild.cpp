@@ -193,9 +193,9 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
   sigset_t all;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &child->launch.callerMask);
-  // No exit signal. valgrind runs clone only for threads or as a fork, so under it the
-  // intermediate is a vfork, which valgrind turns into a plain fork.
-  const int flags = CLONE_VM | (DRN_RUNNING_ON_VALGRIND ? CLONE_VFORK : 0);
+  // No exit signal. valgrind runs clone only for threads or as a fork (keeping CLONE_VFORK,
+  // which would hold the caller until tar ends), so under it the intermediate is a plain fork.
+  const int flags = DRN_RUNNING_ON_VALGRIND ? 0 : CLONE_VM;
   child->intermediate =
       __clone(RunIntermediate, child->stacks->IntermediateTop(), flags, &child->launch);
   const int error = errno;
