@@ -23,7 +23,7 @@
 #endif
 
 // glibc's own name for clone: the sanitizers intercept clone and treat every call as a fork.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): glibc's symbol.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
 extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...);
 
 // Marks the code that runs in the intermediate and in the program before it executes: they
@@ -118,9 +118,9 @@ DRN_CHILD_CODE int RunIntermediate(void* argument) {
   DieWithParent(launch.callerPid);
   ResetSignalHandlers();
   ::syscall(SYS_close, launch.callerEnd);
-  const ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid)};
-  const long program = __clone(RunProgram, launch.programStack, CLONE_VM | CLONE_VFORK | SIGCHLD,
-                               const_cast<ProgramLaunch*>(&programLaunch));
+  ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid)};
+  const long program =
+      __clone(RunProgram, launch.programStack, CLONE_VM | CLONE_VFORK | SIGCHLD, &programLaunch);
   if (program < 0) {
     ExitGroup(kCouldNotRun);
   }
