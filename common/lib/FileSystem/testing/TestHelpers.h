@@ -171,7 +171,8 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
 // nothing.
 inline bool HasChildProcesses() {
   siginfo_t info{};
-  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+  // __WALL: children without an exit signal count too.
+  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 || errno != ECHILD;
 }
 
 // Open descriptors of this process, for leak checks around code that opens and closes.
