@@ -2,6 +2,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,10 +10,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "Benchmarks.h"
@@ -80,6 +83,41 @@ const Archive& LargeArchive() {
   static const Archive archive = MakeArchive("large", 100, 499);
   return archive;
 }
+
+// 300 files in 12 directories: a listing as a device program makes it.
+const Archive& ThreeHundredArchive() {
+  static const Archive archive = MakeArchive("three_hundred", 12, 25);
+  return archive;
+}
+
+// Memory the calling program holds while it lives: an anonymous mapping with every page
+// touched, in small pages (as a heap grows), so that a fork has every page table to copy.
+class Ballast {
+ public:
+  explicit Ballast(std::size_t bytes)
+      : bytes(bytes),
+        memory(bytes == 0 ? nullptr
+                          : ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                                   MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
+    if (memory != nullptr && memory != MAP_FAILED) {
+      ::madvise(memory, bytes, MADV_NOHUGEPAGE);
+      std::memset(memory, 1, bytes);
+    }
+  }
+  ~Ballast() {
+    if (memory != nullptr && memory != MAP_FAILED) {
+      ::munmap(memory, bytes);
+    }
+  }
+  Ballast(const Ballast&) = delete;
+  Ballast& operator=(const Ballast&) = delete;
+
+  bool Held() const { return memory != MAP_FAILED; }
+
+ private:
+  std::size_t bytes;
+  void* memory;
+};
 
 // What a caller without the library writes: popen "tar -tf", then the same splitting as Untar's
 // listing (no empty lines, no directories).
@@ -169,6 +207,16 @@ void RegisterList(const char* name, const Archive& (*archive)(), Lister lister) 
       ->UseRealTime();
 }
 
+// The same listing from a caller that holds resident bytes more than the benchmark itself.
+void RunListFrom(benchmark::State& state, Lister lister, std::size_t resident) {
+  const Ballast ballast(resident);
+  if (!ballast.Held()) {
+    state.SkipWithError("cannot hold the ballast");
+    return;
+  }
+  RunList(state, ThreeHundredArchive, lister);
+}
+
 // Starting a child that runs a program and waiting for it: fork and exec, as the tar runners
 // start tar, against posix_spawn, as popen starts its shell.
 void RunStart(benchmark::State& state, bool spawn) {
@@ -201,6 +249,19 @@ void RegisterTarBenchmarks() {
   RegisterList("FileList/popen_tar", SmallArchive, Lister::Popen);
   RegisterList("FileList50k/StreamingTarApi", LargeArchive, Lister::StreamingRunner);
   RegisterList("FileList50k/popen_tar", LargeArchive, Lister::Popen);
+  constexpr std::size_t kGiB = std::size_t{1} << 30;
+  for (const auto& [name, lister, resident] :
+       {std::tuple("FileList300/TarApi", Lister::TarApiRunner, std::size_t{0}),
+        std::tuple("FileList300/TarApi_1GiB_caller", Lister::TarApiRunner, kGiB),
+        std::tuple("FileList300/StreamingTarApi", Lister::StreamingRunner, std::size_t{0}),
+        std::tuple("FileList300/StreamingTarApi_1GiB_caller", Lister::StreamingRunner, kGiB)}) {
+    benchmark::RegisterBenchmark(name,
+                                 [lister = lister, resident = resident](benchmark::State& state) {
+                                   RunListFrom(state, lister, resident);
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+  }
   for (const bool spawn : {false, true}) {
     benchmark::RegisterBenchmark(spawn ? "Start/posix_spawn" : "Start/fork_exec",
                                  [spawn](benchmark::State& state) { RunStart(state, spawn); })

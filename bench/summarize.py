@@ -34,6 +34,8 @@ PAIRS = [
     ("FileList/TarApi", "FileList/popen_tar", 1.20),
     ("FileList/StreamingTarApi", "FileList/popen_tar", 1.20),
     ("FileList50k/StreamingTarApi", "FileList50k/popen_tar", None),
+    ("FileList300/StreamingTarApi_1GiB_caller", "FileList300/StreamingTarApi", 1.10),
+    ("FileList300/TarApi_1GiB_caller", "FileList300/TarApi", None),
     ("Start/fork_exec", "Start/posix_spawn", None),
     ("Usage/GetPercentageUsed", "Usage/statfs", None),
     ("Usage/GetFileSystemUsedSize", "Usage/statfs", None),

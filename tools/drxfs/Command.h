@@ -2,16 +2,13 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-namespace drn {
-class PathIF;
-}  // namespace drn
 
 namespace drn::drxfs {
 
@@ -23,7 +20,13 @@ struct Command {
 };
 using Commands = std::vector<Command>;
 
-// A failed operation: the path it was working on and why. what() is "PATH: REASON".
+// The longest path and reason that a failure line shows whole; with the command's name in front,
+// a failure line stays within about 1 KiB.
+constexpr std::size_t kLongestPath = 256;
+constexpr std::size_t kLongestReason = 640;
+
+// A failed operation: the path it was working on and why. what() is "PATH: REASON", kept to
+// about 1 KiB: a long path loses its middle, a long reason its middle but not its last lines.
 class Failure : public std::runtime_error {
  public:
   Failure(const std::string& path, const std::string& reason);
@@ -32,11 +35,16 @@ class Failure : public std::runtime_error {
 // reason, followed by the text of error when error is not 0.
 std::string Reason(const std::string& reason, int error);
 
+// text cut to at most about limit bytes: its first quarter and its end, with the number of bytes
+// left out between them. Whole "; "-joined lines and UTF-8 characters are kept where possible.
+std::string Bounded(const std::string& text, std::size_t limit);
+
 // What a command needs to find at a path.
 enum class Expect { Anything, NoDirectory, Directory };
 
-// Throws Failure when path is missing or is not what expect asks for.
-void Require(const PathIF& path, Expect expect);
+// Throws Failure with the real reason (ENOENT, ENAMETOOLONG, EACCES, ELOOP, ...) when path cannot
+// be examined or is not what expect asks for; a Directory must also be readable.
+void Require(const std::string& path, Expect expect);
 
 // Takes over the library's log records: those of logLevel and below (0 to 7; -1 when not given:
 // DRX_LOG_LEVEL decides, or only critical ones when that is unset) go to standard error, and
@@ -61,6 +69,15 @@ auto ForPath(const std::string& path, Operation&& operation) -> decltype(operati
   }
 }
 
+// From here on, SIGINT, SIGTERM and SIGHUP end every process that drxfs started (its children,
+// and their descendants, which drxfs adopts as a subreaper when their parent ends) and then
+// drxfs itself, by the same signal, so that its caller sees the usual status 128+signal.
+void StopOnSignals();
+
+// While such a stop is under way, waits for it to end the process instead of returning: a
+// command whose child was killed neither reports that failure nor exits on its own.
+void WaitIfStopping();
+
 // The registration of each command family: adds its subcommands to app and their actions to
 // commands.
 void AddPathCommands(CLI::App& app, Commands& commands);
@@ -79,6 +96,10 @@ void AddReportOptions(CLI::App& command, Report& report, bool sizes);
 
 // A byte count as digits, or with human set in binary units with one decimal ("1.5 KiB").
 std::string FormatSize(std::uint64_t bytes, bool human);
+
+// A name for JSON output: a string when it is valid UTF-8, otherwise the array of its byte values
+// (0 to 255), so that no name is lost or changed.
+nlohmann::json JsonName(const std::string& name);
 
 // Writes value to standard output as one line of JSON.
 void PrintJson(const nlohmann::json& value);

@@ -1,16 +1,22 @@
 // drxfs df, du, mkdir and empty: the library's Directory.
 #include <dirent.h>
+#include <mntent.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 #include "Directory.h"
@@ -94,6 +100,67 @@ bool HasUndottedEntries(const std::string& directory) {
   return found;
 }
 
+// Throws Failure when the file system that holds path has no size: a virtual one such as /proc,
+// whose fill level means nothing.
+void RequireStorage(const std::string& path) {
+  struct statfs stats {};
+  if (SystemCallWrapper().statfs(path.c_str(), &stats) == 0 && stats.f_blocks == 0) {
+    throw Failure(path, "the file system reports a total size of 0 (it holds no storage)");
+  }
+}
+
+// Throws Failure when DIRECTORY cannot be created for a reason that the creation command would
+// only obscure: an entry that is not a directory, a name too long, a directory that may not be
+// searched, a loop of symbolic links.
+void RequireCreatable(const std::string& path) {
+  struct stat status {};
+  if (LinuxApi().stat(path.c_str(), &status) == 0) {
+    if (!S_ISDIR(status.st_mode)) {
+      throw Failure(path, "exists and is not a directory");
+    }
+  } else if (errno != ENOENT) {
+    throw Failure(path, std::strerror(errno));
+  }
+}
+
+// Whether path is the root directory, by any name ("/", "//", "/tmp/..").
+bool IsRootDirectory(const std::string& path) {
+  LinuxApi api;
+  struct stat status {};
+  struct stat root {};
+  return api.stat(path.c_str(), &status) == 0 && api.stat("/", &root) == 0 &&
+         status.st_dev == root.st_dev && status.st_ino == root.st_ino;
+}
+
+// What a failed emptying of directory must add when file systems are mounted inside it: the
+// removal went into them before it failed at their mount points. Empty when there are none.
+std::string MountedInside(const std::string& directory) {
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(directory.c_str(), nullptr),
+                                                         &std::free);
+  const std::unique_ptr<std::FILE, decltype(&::endmntent)> mounts(
+      ::setmntent("/proc/self/mounts", "r"), &::endmntent);
+  if (!real || !mounts) {
+    return "";
+  }
+  const std::string inside = std::string(real.get()) == "/" ? "/" : std::string(real.get()) + "/";
+  std::vector<std::string> found;
+  mntent entry{};
+  std::array<char, 4096> buffer{};
+  while (::getmntent_r(mounts.get(), &entry, buffer.data(), buffer.size()) != nullptr) {
+    const std::string mountPoint = entry.mnt_dir;
+    if (mountPoint.size() > inside.size() && mountPoint.compare(0, inside.size(), inside) == 0) {
+      found.push_back(mountPoint);
+    }
+  }
+  if (found.empty()) {
+    return "";
+  }
+  return "; " + found.front() +
+         (found.size() > 1 ? " and " + std::to_string(found.size() - 1) + " more are mount points"
+                           : " is a mount point") +
+         ": the mounted file system's contents may already be gone";
+}
+
 void AddDfCommand(CLI::App& app, Commands& commands) {
   auto text = std::make_shared<std::string>();
   auto report = std::make_shared<Report>();
@@ -105,15 +172,16 @@ void AddDfCommand(CLI::App& app, Commands& commands) {
   AddReportOptions(*command, *report, true);
   commands.push_back(
       {command, [text, report] {
+         Require(*text, Expect::Anything);
          const auto path = std::make_shared<Path>(*text);
-         Require(*path, Expect::Anything);
          const auto directory = MakeDirectory(path);
+         RequireStorage(*text);
          const std::uint64_t used = directory->GetFileSystemUsedSize();
          ThrowOnLibraryError(*text);
          const int percent = directory->GetPercentageUsed();
          ThrowOnLibraryError(*text);
          if (report->json) {
-           PrintJson({{"path", *text}, {"usedBytes", used}, {"percentUsed", percent}});
+           PrintJson({{"path", JsonName(*text)}, {"usedBytes", used}, {"percentUsed", percent}});
          } else {
            std::cout << FormatSize(used, report->human) << '\t' << percent << "%\n";
          }
@@ -128,11 +196,11 @@ void AddDuCommand(CLI::App& app, Commands& commands) {
   command->add_option("DIRECTORY", *text, "The directory")->required();
   AddReportOptions(*command, *report, true);
   commands.push_back({command, [text, report] {
-                        const auto path = std::make_shared<Path>(*text);
-                        Require(*path, Expect::Directory);
-                        const std::uint64_t size = MakeDirectory(path)->GetDirectorySize();
+                        Require(*text, Expect::Directory);
+                        const std::uint64_t size =
+                            MakeDirectory(std::make_shared<Path>(*text))->GetDirectorySize();
                         if (report->json) {
-                          PrintJson({{"path", *text}, {"bytes", size}});
+                          PrintJson({{"path", JsonName(*text)}, {"bytes", size}});
                         } else {
                           std::cout << FormatSize(size, report->human) << '\n';
                         }
@@ -146,10 +214,8 @@ void AddMkdirCommand(CLI::App& app, Commands& commands) {
   command->add_option("DIRECTORY", *text, "The directory")->required();
   commands.push_back(
       {command, [text] {
+         RequireCreatable(*text);
          const auto path = std::make_shared<Path>(*text);
-         if (path->Exists() && !path->IsDirectory()) {
-           throw Failure(*text, "exists and is not a directory");
-         }
          bool created = false;
          const std::string messages =
              CaptureStandardError([&] { created = MakeDirectory(path)->CreateDirectory(); });
@@ -162,26 +228,34 @@ void AddMkdirCommand(CLI::App& app, Commands& commands) {
 
 void AddEmptyCommand(CLI::App& app, Commands& commands) {
   auto text = std::make_shared<std::string>();
+  auto noPreserveRoot = std::make_shared<bool>(false);
   CLI::App* command = app.add_subcommand(
       "empty",
       "Remove everything in DIRECTORY, subdirectories included, except the entries "
-      "whose names begin with a dot; the directory itself stays");
+      "whose names begin with a dot; the directory itself stays. File systems mounted inside "
+      "are emptied too before the removal fails at their mount points");
   command->add_option("DIRECTORY", *text, "The directory")->required();
+  command->add_flag("--no-preserve-root", *noPreserveRoot,
+                    "Empty the root directory too; without it, a DIRECTORY that is / is refused");
   commands.push_back(
-      {command, [text] {
-         const auto path = std::make_shared<Path>(*text);
-         Require(*path, Expect::Directory);
+      {command, [text, noPreserveRoot] {
+         Require(*text, Expect::Directory);
+         if (!*noPreserveRoot && IsRootDirectory(*text)) {
+           throw Failure(*text, "refusing to empty the root directory (--no-preserve-root)");
+         }
          // With nothing to remove the removal command would fail; the directory
          // is already as asked.
          if (!HasUndottedEntries(*text)) {
            return;
          }
          bool emptied = false;
+         const auto path = std::make_shared<Path>(*text);
          const std::string messages =
              CaptureStandardError([&] { emptied = MakeDirectory(path)->EmptyDirectory(); });
          if (!emptied) {
            throw Failure(*text,
-                         LastLine(messages, Unexplained(*text, "cannot empty the directory")));
+                         LastLine(messages, Unexplained(*text, "cannot empty the directory")) +
+                             MountedInside(*text));
          }
        }});
 }

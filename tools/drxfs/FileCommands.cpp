@@ -42,11 +42,12 @@ void AddSizeCommand(CLI::App& app, Commands& commands) {
   command->add_option("FILE", *file, "The file")->required();
   AddReportOptions(*command, *report, true);
   commands.push_back({command, [file, report] {
-                        // The size helper answers 0 for a missing file; make that an error.
-                        Require(Path(*file), Expect::NoDirectory);
+                        // The size helper answers 0 for a file it cannot examine; make that an
+                        // error.
+                        Require(*file, Expect::NoDirectory);
                         const std::uint64_t size = File::GetFileSize(*file);
                         if (report->json) {
-                          PrintJson({{"path", *file}, {"bytes", size}});
+                          PrintJson({{"path", JsonName(*file)}, {"bytes", size}});
                         } else {
                           std::cout << FormatSize(size, report->human) << '\n';
                         }
@@ -58,7 +59,7 @@ constexpr std::uint32_t kStreamBufferSize = 64 * 1024;
 
 // Opens the existing file at path; a refusal becomes a Failure with the library's reason.
 std::unique_ptr<File> OpenFile(const Path& path, bool forWrite) {
-  Require(path, Expect::NoDirectory);
+  Require(std::string(path.GetPath()), Expect::NoDirectory);
   File::Options options;
   options.path = &path;
   options.openForRead = !forWrite;

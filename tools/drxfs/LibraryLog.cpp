@@ -3,9 +3,12 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Command.h"
 #include "LogClient.h"
@@ -25,10 +28,10 @@ bool Shown(int level) {
   return level >= 0 && level < static_cast<int>(shown.size()) && shown[level];
 }
 
-// The lines of text joined by "; ", without empty lines or a comma or blanks ending a line:
-// records that carry a child's output span several lines.
-std::string OneLine(const std::string& text) {
-  std::string joined;
+// The lines of text without empty lines or a comma or blanks ending a line: records that carry
+// a child's output span several lines.
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
   std::string::size_type start = 0;
   while (start < text.size()) {
     std::string::size_type end = text.find('\n', start);
@@ -41,11 +44,73 @@ std::string OneLine(const std::string& text) {
       line.pop_back();
     }
     if (!line.empty()) {
-      joined += (joined.empty() ? "" : "; ") + line;
+      lines.push_back(std::move(line));
     }
     start = end + 1;
   }
+  return lines;
+}
+
+// The lines joined by "; ". When that is too long for a failure line, only the first line (what
+// failed) and tar's own messages (the cause) are kept, among up to thousands of listed names,
+// with the number of lines left out in their place.
+std::string OneLine(const std::string& text) {
+  const std::vector<std::string> lines = Lines(text);
+  std::string joined;
+  for (const std::string& line : lines) {
+    joined += (joined.empty() ? "" : "; ") + line;
+  }
+  if (joined.size() <= kLongestReason) {
+    return joined;
+  }
+  joined.clear();
+  std::size_t leftOut = 0;
+  for (std::size_t index = 0; index < lines.size(); ++index) {
+    const bool kept = index == 0 || lines[index].rfind("tar: ", 0) == 0;
+    if (kept && leftOut > 0) {
+      joined += "; [... " + std::to_string(std::exchange(leftOut, 0)) + " lines left out ...]";
+    }
+    if (kept) {
+      joined += (joined.empty() ? "" : "; ") + lines[index];
+    } else {
+      ++leftOut;
+    }
+  }
+  if (leftOut > 0) {
+    joined += "; [... " + std::to_string(leftOut) + " lines left out ...]";
+  }
   return joined;
+}
+
+// Records that end in a bare error number, and what they say instead with the number's text.
+struct NumberedRecord {
+  std::string_view prefix;
+  std::string_view replacement;
+};
+constexpr std::array<NumberedRecord, 5> kNumberedRecords = {{
+    {"failed to pipe: ", "failed to pipe: "},
+    {"failed to close pipe: ", "failed to close pipe: "},
+    {"failed to open path with ", "failed to examine the file system: "},
+    {"failed on close with ", "failed to close: "},
+    // A negative status: no child could be started.
+    {"Tar command failed: -", "tar could not be started: "},
+}};
+
+// text with an error number at its end replaced by the number's text ("failed to pipe: 24" →
+// "failed to pipe: Too many open files").
+std::string WithErrorText(const std::string& text) {
+  for (const NumberedRecord& record : kNumberedRecords) {
+    if (text.compare(0, record.prefix.size(), record.prefix) != 0) {
+      continue;
+    }
+    const std::string number = text.substr(record.prefix.size());
+    if (number.empty() || number.size() > 4 ||
+        number.find_first_not_of("0123456789") != std::string::npos) {
+      continue;
+    }
+    return std::string(record.replacement) + std::strerror(std::stoi(number));
+  }
+  return text;
 }
 
 }  // namespace
@@ -77,7 +142,7 @@ void WatchLibraryLog(int logLevel) {
 
 void ThrowOnLibraryError(const std::string& path) {
   if (!lastError.empty()) {
-    throw Failure(path, OneLine(std::exchange(lastError, std::string())));
+    throw Failure(path, WithErrorText(OneLine(std::exchange(lastError, std::string()))));
   }
 }
 

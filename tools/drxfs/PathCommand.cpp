@@ -25,10 +25,10 @@ void AddPathCommands(CLI::App& app, Commands& commands) {
                         const bool directory = path.IsDirectory();
                         const std::string basename = path.Basename();
                         if (report->json) {
-                          PrintJson({{"path", *text},
+                          PrintJson({{"path", JsonName(*text)},
                                      {"exists", exists},
                                      {"directory", directory},
-                                     {"basename", basename}});
+                                     {"basename", JsonName(basename)}});
                           return;
                         }
                         std::cout << *text << ": exists=" << (exists ? "yes" : "no")

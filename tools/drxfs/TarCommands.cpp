@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Command.h"
@@ -19,22 +20,37 @@ namespace {
 // The longest time-out that --timeout takes, in seconds.
 constexpr double kLongestTimeout = 1e6;
 
+constexpr const char* kStreamingRunner = "streaming";
+constexpr const char* kPipeRunner = "pipe";
+
 struct TarOptions {
   std::string archive;
   std::string destination;
-  bool streaming = false;
+  std::string runner = kStreamingRunner;
   double timeoutSeconds = 0;  // 0: none
 };
 
-CLI::Option* AddStreamingFlag(CLI::App& command, TarOptions& options) {
-  return command.add_flag(
-      "--streaming", options.streaming,
-      "Read tar's output while it runs (any size); the default runner keeps only what fits into "
-      "one pipe, about 64 KiB, and waits for tar without a limit");
+void AddRunnerOptions(CLI::App& command, TarOptions& options) {
+  command
+      .add_option("--runner", options.runner,
+                  "How tar runs: 'streaming' (the default) reads its output while it runs, of any "
+                  "size; 'pipe' keeps only what fits into one pipe, about 64 KiB, and waits for "
+                  "tar without a limit")
+      ->type_name("RUNNER")
+      ->check(CLI::IsMember({kStreamingRunner, kPipeRunner}));
+  command.add_flag_callback(
+      "--streaming", [&options] { options.runner = kStreamingRunner; },
+      "The same as --runner streaming");
+}
+
+// tar takes a name with a ':' before any '/' for a file on a remote host, and "-" for standard
+// input: a relative name goes to it as ./NAME.
+std::string ForTar(const std::string& name) {
+  return name.empty() || name.front() == '/' ? name : "./" + name;
 }
 
 std::shared_ptr<TarApi> MakeRunner(const TarOptions& options) {
-  if (!options.streaming) {
+  if (options.runner == kPipeRunner) {
     return std::make_shared<TarApi>();
   }
   if (options.timeoutSeconds <= 0) {
@@ -47,8 +63,8 @@ std::shared_ptr<TarApi> MakeRunner(const TarOptions& options) {
 
 // The archive as an Untar, after the checks that name what is wrong with it.
 Untar OpenArchive(const TarOptions& options) {
-  auto archive = std::make_shared<Path>(options.archive);
-  Require(*archive, Expect::NoDirectory);
+  Require(options.archive, Expect::NoDirectory);
+  auto archive = std::make_shared<Path>(ForTar(options.archive));
   return ForPath(options.archive, [&] { return Untar(archive, MakeRunner(options)); });
 }
 
@@ -60,22 +76,27 @@ void AddListCommand(CLI::App& tar, Commands& commands) {
       "Print the names of the archive's members in its order, one a line, without "
       "directories");
   command->add_option("ARCHIVE", options->archive, "The tar archive")->required();
-  AddStreamingFlag(*command, *options);
+  AddRunnerOptions(*command, *options);
   AddReportOptions(*command, *report, false);
-  commands.push_back({command, [options, report] {
-                        Untar untar = OpenArchive(*options);
-                        const std::vector<std::string> names =
-                            ForPath(options->archive, [&] { return untar.FileList(); });
-                        // An empty list is also the answer of a failed run; the record tells.
-                        ThrowOnLibraryError(options->archive);
-                        if (report->json) {
-                          PrintJson({{"archive", options->archive}, {"entries", names}});
-                          return;
-                        }
-                        for (const std::string& name : names) {
-                          std::cout << name << '\n';
-                        }
-                      }});
+  commands.push_back(
+      {command, [options, report] {
+         Untar untar = OpenArchive(*options);
+         const std::vector<std::string> names =
+             ForPath(options->archive, [&] { return untar.FileList(); });
+         // An empty list is also the answer of a failed run; the record tells.
+         ThrowOnLibraryError(options->archive);
+         if (report->json) {
+           nlohmann::json entries = nlohmann::json::array();
+           for (const std::string& name : names) {
+             entries.push_back(JsonName(name));
+           }
+           PrintJson({{"archive", JsonName(options->archive)}, {"entries", std::move(entries)}});
+           return;
+         }
+         for (const std::string& name : names) {
+           std::cout << name << '\n';
+         }
+       }});
 }
 
 void AddExtractCommand(CLI::App& tar, Commands& commands) {
@@ -85,28 +106,33 @@ void AddExtractCommand(CLI::App& tar, Commands& commands) {
   command->add_option("ARCHIVE", options->archive, "The tar archive")->required();
   command->add_option("DESTINATION", options->destination, "The directory to extract into")
       ->required();
-  CLI::Option* streaming = AddStreamingFlag(*command, *options);
+  AddRunnerOptions(*command, *options);
   command
       ->add_option("--timeout", options->timeoutSeconds,
-                   "Kill tar when it has not finished after SECONDS (fractions allowed)")
+                   "Kill tar when it has not finished after SECONDS (fractions allowed; streaming "
+                   "runner only)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, kLongestTimeout))
-      ->needs(streaming);
-  commands.push_back({command, [options] {
-                        Require(Path(options->destination), Expect::Directory);
-                        Untar untar = OpenArchive(*options);
-                        const int status = ForPath(options->archive, [&] {
-                          return untar.Extract(std::make_shared<Path>(options->destination));
-                        });
-                        if (status == 0) {
-                          return;
-                        }
-                        ThrowOnLibraryError(options->archive);
-                        throw Failure(options->archive,
-                                      status > 0
-                                          ? "tar exited with status " + std::to_string(status)
-                                          : Reason("tar could not be started", -status));
-                      }});
+      ->check(CLI::Range(0.001, kLongestTimeout));
+  command->parse_complete_callback([options] {
+    if (options->timeoutSeconds > 0 && options->runner != kStreamingRunner) {
+      throw CLI::ValidationError("--timeout", "needs the streaming runner");
+    }
+  });
+  commands.push_back(
+      {command, [options] {
+         Require(options->destination, Expect::Directory);
+         Untar untar = OpenArchive(*options);
+         const int status = ForPath(options->archive, [&] {
+           return untar.Extract(std::make_shared<Path>(ForTar(options->destination)));
+         });
+         if (status == 0) {
+           return;
+         }
+         ThrowOnLibraryError(options->archive);
+         throw Failure(options->archive, status > 0
+                                             ? "tar exited with status " + std::to_string(status)
+                                             : Reason("tar could not be started", -status));
+       }});
 }
 
 }  // namespace

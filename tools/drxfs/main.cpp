@@ -3,6 +3,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 
@@ -12,10 +13,12 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
 constexpr int kUnsetLogLevel = -1;
+constexpr std::size_t kLongestUsageLine = 1000;
 
 constexpr const char* kFooter =
     "Exit status: 0 on success, 1 when the operation failed, 2 on a usage error.\n"
     "Every failure is one line on standard error naming the path and the reason.\n"
+    "SIGINT, SIGTERM or SIGHUP ends tar and whatever else drxfs started, then drxfs (128+signal).\n"
     "--log-level N shows the library's records of level N and below (0 to 7; syslog numbering);\n"
     "without it, DRX_LOG_LEVEL decides, and when that is unset only level 2 and below appear.";
 
@@ -32,14 +35,34 @@ std::string CommandName(const CLI::App& app) {
   }
 }
 
+// What is wrong with a command line: a word where a command's name belongs is named as unknown.
+std::string Problem(const CLI::App& failed, const CLI::Error& error) {
+  const CLI::App* outermost = &failed;
+  while (outermost->get_parent() != nullptr) {
+    outermost = outermost->get_parent();
+  }
+  const CLI::App* innermost = outermost;
+  while (!innermost->get_subcommands().empty()) {
+    innermost = innermost->get_subcommands().front();
+  }
+  // With fallthrough, words that no command took are kept by the outermost one.
+  const std::vector<std::string> rest = outermost->remaining(true);
+  if (!innermost->get_subcommands({}).empty() && !rest.empty() && rest.front().rfind('-', 0) != 0) {
+    return "unknown command \"" + rest.front() + "\"";
+  }
+  return error.what();
+}
+
 int Run(const CLI::App& app, const Command& command) {
   try {
     command.run();
   } catch (const std::exception& error) {
+    WaitIfStopping();
     std::cout.flush();
     std::cerr << CommandName(app) << ": " << error.what() << '\n';
     return kFailed;
   }
+  WaitIfStopping();
   if (!std::cout.flush()) {
     std::cerr << CommandName(app) << ": standard output: write error\n";
     return kFailed;
@@ -57,7 +80,8 @@ int Main(int argc, char** argv) {
   // Global options may also follow the command's name.
   app.fallthrough();
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
-    return CommandName(*failed) + ": " + error.what() + " (see --help)\n";
+    return Bounded(CommandName(*failed) + ": " + Problem(*failed, error), kLongestUsageLine) +
+           " (see --help)\n";
   });
   int logLevel = kUnsetLogLevel;
   app.add_option("--log-level", logLevel, "Show the library's log records of level N and below")
@@ -77,6 +101,7 @@ int Main(int argc, char** argv) {
     return status == 0 ? 0 : kUsageError;
   }
   WatchLibraryLog(logLevel);
+  StopOnSignals();
   for (const Command& command : commands) {
     if (command.app->parsed()) {
       return Run(app, command);

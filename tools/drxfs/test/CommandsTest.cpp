@@ -1,26 +1,35 @@
 // Each drxfs command's output and exit status on real files, trees and archives.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "FakeProgramDir.h"
 #include "RunDrxfs.h"
+#include "ScratchFileSystem.h"
 
 namespace drn {
 namespace {
 
 using testing::DrxfsResult;
+using testing::DrxfsSetting;
+using testing::FakeProgramDir;
 using testing::ListTree;
-using testing::MountedTmpfs;
 using testing::ReadWholeFile;
 using testing::RunDrxfs;
+using testing::ScratchFileSystem;
 using testing::TempDir;
+using testing::WithInput;
 
 TEST(DrxfsCommandTest, PathReportsWhatThePathSaysAsTextAndJson) {
   const TempDir dir;
@@ -76,13 +85,13 @@ TEST(DrxfsCommandTest, FileCommandsChangeAndCopyContents) {
   EXPECT_EQ(cat.status, 0) << cat.err;
   EXPECT_TRUE(cat.out == content) << "different output of " << cat.out.size() << " bytes";
   const std::string big = dir.WriteFile("big", "");
-  EXPECT_EQ(RunDrxfs({"write", big}, content).status, 0);
+  EXPECT_EQ(RunDrxfs({"write", big}, WithInput(content)).status, 0);
   EXPECT_TRUE(ReadWholeFile(big) == content);
 
   const std::string small = dir.WriteFile("small", "0123456789");
-  EXPECT_EQ(RunDrxfs({"write", small}, "ab").status, 0);
+  EXPECT_EQ(RunDrxfs({"write", small}, WithInput("ab")).status, 0);
   EXPECT_EQ(ReadWholeFile(small), "ab23456789");
-  EXPECT_EQ(RunDrxfs({"write", dir / "missing"}, "x").status, 1);
+  EXPECT_EQ(RunDrxfs({"write", dir / "missing"}, WithInput("x")).status, 1);
   EXPECT_FALSE(std::filesystem::exists(dir / "missing"));
 }
 
@@ -96,8 +105,8 @@ TEST(DrxfsCommandTest, WriteAtomicReplacesTheWholeFileOrLeavesItAsItWas) {
   EXPECT_TRUE(ReadWholeFile(dir / "fresh") == input);
 
   // More input than the file system holds: nothing changes, and the failure says why.
-  const MountedTmpfs small(dir / "small", "64k");
-  ASSERT_TRUE(small.mounted) << "mounting a tmpfs needs root";
+  const ScratchFileSystem small(dir / "small", "size=64k");
+  ASSERT_EQ(small.Failure(), "");
   const std::string full = dir.WriteFile("small/settings", "old");
   const DrxfsResult failed = RunDrxfs({"write", "--atomic", full}, std::string(1 << 20, 'z'));
   EXPECT_EQ(failed.status, 1);
@@ -107,7 +116,7 @@ TEST(DrxfsCommandTest, WriteAtomicReplacesTheWholeFileOrLeavesItAsItWas) {
                                               "left on device; it keeps its old content\n")))
       << failed.err;
   EXPECT_EQ(ReadWholeFile(full), "old");
-  EXPECT_EQ(ListTree(small.path), std::vector<std::string>{"settings"});
+  EXPECT_EQ(ListTree(small.MountPoint()), std::vector<std::string>{"settings"});
 }
 
 TEST(DrxfsCommandTest, MkdirAndEmptyLeaveWhatIsAlreadyAsAsked) {
@@ -127,29 +136,140 @@ TEST(DrxfsCommandTest, MkdirAndEmptyLeaveWhatIsAlreadyAsAsked) {
   EXPECT_EQ(again.err, "");
 }
 
-TEST(DrxfsCommandTest, TarListsMembersWithoutDirectoriesAndExtractsWithEitherRunner) {
+TEST(DrxfsEmptyTest, TheRootDirectoryIsEmptiedOnlyWhenAskedExplicitly) {
+  // Only a fake rm can be found, and drxfs runs unprivileged: a regression removes nothing.
+  const FakeProgramDir fakes(FakeProgramDir::Search::Only);
+  ::chmod(fakes.Dir().Path().c_str(), 0777);
+  const std::string called = fakes.Dir() / "called";
+  fakes.AddScript("rm", "echo \"$@\" > " + called);
+  DrxfsSetting setting;
+  setting.unprivileged = true;
+  for (const std::string root : {"/", "//", "/."}) {
+    const DrxfsResult refused = RunDrxfs({"empty", root}, setting);
+    testing::ExpectOneLineFailure(refused, 1);
+    EXPECT_NE(refused.err.find(root + ": refusing to empty the root directory"), std::string::npos)
+        << refused.err;
+    EXPECT_FALSE(std::filesystem::exists(called));
+  }
+  EXPECT_EQ(RunDrxfs({"empty", "--no-preserve-root", "/"}, setting).status, 0);
+  EXPECT_EQ(ReadWholeFile(called).rfind("-r /", 0), 0u) << ReadWholeFile(called);
+}
+
+TEST(DrxfsEmptyTest, AFailureAtAMountPointSaysTheMountedContentsMayBeGone) {
   const TempDir dir;
+  const std::string mountPoint = dir.MakeDir("d/mnt");
+  const ScratchFileSystem mounted(mountPoint, "size=1m");
+  ASSERT_EQ(mounted.Failure(), "");
+  dir.WriteFile("d/mnt/kept-on-the-mount", "x");
+  const DrxfsResult result = RunDrxfs({"empty", dir / "d"});
+  testing::ExpectOneLineFailure(result, 1);
+  const std::string shown = std::filesystem::canonical(mountPoint).string();
+  EXPECT_NE(
+      result.err.find(shown + " is a mount point: the mounted file system's contents may already "
+                              "be gone"),
+      std::string::npos)
+      << result.err;
+  EXPECT_FALSE(std::filesystem::exists(mountPoint + "/kept-on-the-mount"));
+}
+
+// The ways of choosing a runner: the default (streaming), the contract's pipe runner, and the
+// default's old flag.
+const std::vector<std::vector<std::string>> kRunnerChoices = {
+    {}, {"--runner", "pipe"}, {"--streaming"}};
+
+// command, then the runner choice, then operands.
+std::vector<std::string> TarCommand(const std::string& command,
+                                    const std::vector<std::string>& runner,
+                                    const std::vector<std::string>& operands) {
+  std::vector<std::string> args = {"tar", command};
+  args.insert(args.end(), runner.begin(), runner.end());
+  args.insert(args.end(), operands.begin(), operands.end());
+  return args;
+}
+
+// Makes archive in dir from src's a.txt (alpha) and sub/b.txt (beta), in that order with sub/.
+void MakeArchive(const TempDir& dir, const std::string& archive) {
   dir.WriteFile("src/a.txt", "alpha");
   dir.WriteFile("src/sub/b.txt", "beta");
-  const std::string archive = dir / "archive.tar";
-  // Members in this order: a.txt, sub/, sub/b.txt.
   const std::string command = "tar -cf '" + archive + "' -C '" + (dir / "src") + "' a.txt sub";
   ASSERT_EQ(std::system(command.c_str()), 0);
-  for (const std::string runner : {"--streaming", "--streaming=false"}) {
-    SCOPED_TRACE(runner);
-    EXPECT_EQ(RunDrxfs({"tar", "list", runner, archive}).out, "a.txt\nsub/b.txt\n");
-    const DrxfsResult json = RunDrxfs({"tar", "list", runner, "--json", archive});
+}
+
+TEST(DrxfsCommandTest, TarListsMembersWithoutDirectoriesAndExtractsWithEveryRunner) {
+  const TempDir dir;
+  const std::string archive = dir / "archive.tar";
+  MakeArchive(dir, archive);
+  for (const auto& runner : kRunnerChoices) {
+    SCOPED_TRACE(::testing::PrintToString(runner));
+    EXPECT_EQ(RunDrxfs(TarCommand("list", runner, {archive})).out, "a.txt\nsub/b.txt\n");
+    const DrxfsResult json = RunDrxfs(TarCommand("list", runner, {"--json", archive}));
     ASSERT_EQ(json.status, 0) << json.err;
     EXPECT_EQ(nlohmann::json::parse(json.out),
               (nlohmann::json{{"archive", archive}, {"entries", {"a.txt", "sub/b.txt"}}}));
 
-    const std::string out = dir.MakeDir("out" + runner);
-    const DrxfsResult extracted = RunDrxfs({"tar", "extract", runner, archive, out});
+    const std::string out = dir.MakeDir("out" + std::to_string(runner.size()));
+    const DrxfsResult extracted = RunDrxfs(TarCommand("extract", runner, {archive, out}));
     EXPECT_EQ(extracted.status, 0) << extracted.err;
     EXPECT_EQ(extracted.out + extracted.err, "");
     EXPECT_EQ(ReadWholeFile(out + "/a.txt"), "alpha");
     EXPECT_EQ(ReadWholeFile(out + "/sub/b.txt"), "beta");
   }
+}
+
+TEST(DrxfsNameTest, RelativeArchiveNamesAreLocalFilesNeverHostsOrStandardInput) {
+  const TempDir dir;
+  // tar would read "-" from standard input, and look for a host "logs_2024-05-01T12".
+  MakeArchive(dir, dir / "-");
+  std::filesystem::copy_file(dir / "-", dir / "logs_2024-05-01T12:30:00.tar");
+  DrxfsSetting setting = WithInput("not an archive");
+  setting.workingDirectory = dir.Path();
+  for (const auto& runner : kRunnerChoices) {
+    SCOPED_TRACE(::testing::PrintToString(runner));
+    for (const std::string archive : {"-", "logs_2024-05-01T12:30:00.tar"}) {
+      const DrxfsResult listed = RunDrxfs(TarCommand("list", runner, {archive}), setting);
+      EXPECT_EQ(listed.out, "a.txt\nsub/b.txt\n") << listed.err;
+    }
+    const std::string out = "out:" + std::to_string(runner.size());
+    dir.MakeDir(out);
+    const DrxfsResult extracted = RunDrxfs(TarCommand("extract", runner, {"-", out}), setting);
+    EXPECT_EQ(extracted.status, 0) << extracted.err;
+    EXPECT_EQ(ReadWholeFile(dir / out + "/sub/b.txt"), "beta");
+  }
+}
+
+TEST(DrxfsNameTest, JsonWritesNamesThatAreNotUtf8AsTheirBytes) {
+  const TempDir dir;
+  const std::string bad = "f\xff\xfe.txt";
+  const std::string good = "\xc3\xa9t\xc3\xa9.txt";  // "été.txt"
+  const std::string file = dir.WriteFile("d\xff/" + bad, "12345");
+  dir.WriteFile("d\xff/" + good, "");
+  const auto bytes = [](const std::string& text) {
+    return nlohmann::json(std::vector<unsigned char>(text.begin(), text.end()));
+  };
+  const auto json = [](const std::vector<std::string>& args) {
+    const DrxfsResult result = RunDrxfs(args);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return nlohmann::json::parse(result.out);
+  };
+  EXPECT_EQ(json({"path", "--json", file}), (nlohmann::json{{"path", bytes(file)},
+                                                            {"exists", true},
+                                                            {"directory", false},
+                                                            {"basename", bytes(bad)}}));
+  EXPECT_EQ(json({"size", "--json", file}), (nlohmann::json{{"path", bytes(file)}, {"bytes", 5}}));
+  EXPECT_EQ(json({"du", "--json", dir / "d\xff"}),
+            (nlohmann::json{{"path", bytes(dir / "d\xff")}, {"bytes", 5}}));
+  EXPECT_EQ(json({"df", "--json", dir / "d\xff"})["path"], bytes(dir / "d\xff"));
+
+  const std::string archive = dir / "a\xff.tar";
+  const std::string command =
+      "tar -cf '" + archive + "' -C '" + (dir / "d\xff") + "' '" + bad + "' '" + good + "'";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  // tar itself writes such member names escaped (f\377\376.txt); the archive's name comes
+  // from the command line.
+  const nlohmann::json listed = json({"tar", "list", "--json", archive});
+  EXPECT_EQ(listed["archive"], bytes(archive));
+  EXPECT_EQ(listed["entries"].size(), 2u);
+  EXPECT_EQ(listed["entries"].back(), good);
 }
 
 }  // namespace

@@ -1,57 +1,150 @@
 // Runs the built drxfs as a process and checks the shape of its failures.
 #pragma once
 
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TestHelpers.h"
 
+extern char** environ;
+
 namespace drn::testing {
 
 struct DrxfsResult {
-  int status = -1;
+  int status = -1;  // as a shell reports it: the exit status, or 128 + the ending signal
   std::string out;
   std::string err;
 };
 
-// Runs drxfs with args and input on standard input, without DRX_LOG_LEVEL in its environment.
-// Standard output goes to stdoutPath when one is given (and is not read back).
-inline DrxfsResult RunDrxfs(const std::vector<std::string>& args, const std::string& input = "",
-                            const std::string& stdoutPath = "") {
-  const TempDir io;
-  const auto quoted = [](const std::string& text) {
-    std::string result = "'";
-    for (const char c : text) {
-      result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+// How drxfs is started. It never sees DRX_LOG_LEVEL.
+struct DrxfsSetting {
+  std::string input;                    // its standard input
+  std::string stdoutPath;               // where its standard output goes instead of being read
+  std::string workingDirectory;         // empty: the test's own
+  bool unprivileged = false;            // runs as kUnprivilegedId
+  std::optional<rlim_t> openFileLimit;  // RLIMIT_NOFILE
+};
+
+inline DrxfsSetting WithInput(std::string input) {
+  DrxfsSetting setting;
+  setting.input = std::move(input);
+  return setting;
+}
+
+// drxfs running as a child of the test; the destructor kills and reaps it if Wait was not called.
+class DrxfsProcess {
+ public:
+  explicit DrxfsProcess(const std::vector<std::string>& args, const DrxfsSetting& setting = {})
+      : outPath(setting.stdoutPath.empty() ? io / "stdout" : setting.stdoutPath),
+        readOut(setting.stdoutPath.empty()) {
+    std::vector<std::string> strings = {DRXFS_PATH};
+    strings.insert(strings.end(), args.begin(), args.end());
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      if (std::strncmp(*entry, "DRX_LOG_LEVEL=", 14) != 0) {
+        environment.emplace_back(*entry);
+      }
     }
-    return result + "'";
-  };
-  std::string command = "env -u DRX_LOG_LEVEL " + quoted(DRXFS_PATH);
-  for (const std::string& arg : args) {
-    command += " " + quoted(arg);
+    std::vector<char*> argv = Pointers(strings);
+    std::vector<char*> envp = Pointers(environment);
+    const std::string inPath = io.WriteFile("stdin", setting.input);
+    const std::string errPath = io / "stderr";
+    pid = ::fork();
+    if (pid == 0) {
+      // Files are opened before privileges go, in a directory only root may write to.
+      const int in = ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC);
+      const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      const bool ready =
+          in >= 0 && out >= 0 && err >= 0 && ::dup2(in, 0) == 0 && ::dup2(out, 1) == 1 &&
+          ::dup2(err, 2) == 2 &&
+          (setting.workingDirectory.empty() || ::chdir(setting.workingDirectory.c_str()) == 0) &&
+          (!setting.unprivileged ||
+           (::setgroups(0, nullptr) == 0 && ::setgid(kUnprivilegedId) == 0 &&
+            ::setuid(kUnprivilegedId) == 0));
+      // drxfs starts with descriptors 0 to 2 alone, whatever the test runner left open.
+      ::close_range(3, ~0U, 0);
+      if (ready && setting.openFileLimit) {
+        const rlimit limit{*setting.openFileLimit, *setting.openFileLimit};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+      }
+      if (ready) {
+        ::execve(DRXFS_PATH, argv.data(), envp.data());
+      }
+      ::_exit(127);
+    }
   }
-  const std::string out = stdoutPath.empty() ? io / "stdout" : stdoutPath;
-  command += " <" + quoted(io.WriteFile("stdin", input)) + " >" + quoted(out) + " 2>" +
-             quoted(io / "stderr");
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-          stdoutPath.empty() ? ReadWholeFile(out) : "", ReadWholeFile(io / "stderr")};
+  ~DrxfsProcess() {
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      Wait();
+    }
+  }
+  DrxfsProcess(const DrxfsProcess&) = delete;
+  DrxfsProcess& operator=(const DrxfsProcess&) = delete;
+
+  pid_t Pid() const { return pid; }
+
+  // Waits for drxfs to end and returns what it did.
+  DrxfsResult Wait() {
+    int status = 0;
+    while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    const bool started = pid > 0;
+    pid = -1;
+    if (!started) {
+      return {};
+    }
+    return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status),
+            readOut ? ReadWholeFile(outPath) : "", ReadWholeFile(io / "stderr")};
+  }
+
+ private:
+  static std::vector<char*> Pointers(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (std::string& text : strings) {
+      pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+  }
+
+  TempDir io;
+  std::string outPath;
+  bool readOut;
+  pid_t pid = -1;
+};
+
+// Runs drxfs to its end.
+inline DrxfsResult RunDrxfs(const std::vector<std::string>& args,
+                            const DrxfsSetting& setting = {}) {
+  return DrxfsProcess(args, setting).Wait();
 }
 
 inline std::size_t Lines(const std::string& text) {
   return std::count(text.begin(), text.end(), '\n');
 }
 
-// Expects the failure contract: status, nothing on standard output, one line on standard error.
+// Expects the failure contract: status, nothing on standard output, one line of at most 1 KiB
+// on standard error.
 inline void ExpectOneLineFailure(const DrxfsResult& result, int status) {
   EXPECT_EQ(result.status, status);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(Lines(result.err), 1u) << result.err;
+  EXPECT_LE(result.err.size(), 1024u) << result.err;
 }
 
 }  // namespace drn::testing

@@ -13,9 +13,13 @@
 namespace drn {
 
 // Runs tar like TarApi, with the same arguments, statuses and records, but captures output of
-// any size: the parent drains the pipe while the child runs and reaps the child only at end of
-// file. Works when the calling program has descriptors 0 to 2 closed or ignores SIGCHLD. Choose
-// it for real archives; TarApi loses what does not fit into one pipe and can wait forever.
+// any size: the parent drains the pipe while tar runs. tar runs under a private intermediate
+// process that shares the caller's memory, so starting it costs the same whatever the caller's
+// size, and that the kernel keeps for RunCmd to wait for whatever the caller's SIGCHLD
+// disposition; RunCmd changes nothing process-wide (no signal disposition) and never waits for
+// the caller's other children. tar is killed when the calling thread or the program dies. Works
+// when the calling program has descriptors 0 to 2 closed. Choose it for real archives; TarApi
+// loses what does not fit into one pipe and can wait forever.
 class DRN_EXPORT StreamingTarApi : public TarApi {
  public:
   // No time-out: RunCmd waits as long as tar runs.
@@ -32,11 +36,14 @@ class DRN_EXPORT StreamingTarApi : public TarApi {
 
   // As TarApi::RunCmd: the output of standard output and standard error interleaved as written,
   // with 0, tar's exit status (255 when tar could not be started) or minus errno when no child
-  // could be started; std::runtime_error when the wait fails or the child did not exit. When the
+  // could be started; std::runtime_error when the wait fails or tar did not exit. When the
   // time-out expires, tar is killed with SIGKILL and reaped, a record is written and
   // std::runtime_error("tar timed out") is thrown. No descriptor and no child is left behind.
-  // While it runs, a SIGCHLD disposition of SIG_IGN (or SA_NOCLDWAIT) is set to the default,
-  // process-wide, so that the child can be waited for; it is put back before RunCmd returns.
+  // The record of a failed run carries at most the first and the last 2 KiB of the output, with
+  // the number of bytes left out between them; the returned output is whole. Blocks every
+  // signal of the calling thread for the moment it takes to start tar. Pass archive names that
+  // tar cannot take for options, a remote host (a ':') or standard input ("-"): absolute, or
+  // relative beginning with "./".
   std::pair<std::string, int> RunCmd(std::vector<std::string>& args) override;
 
  private:

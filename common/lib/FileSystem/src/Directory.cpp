@@ -148,15 +148,14 @@ bool Directory::DoCreateDirectory() {
   if (!impl || !impl->path) {
     return false;
   }
+  // The path is asked whether it exists, then what it is, and only for a command its text: an
+  // existing entry is answered whatever its name, before any rule for command lines applies.
   const PathIF& path = *impl->path;
-  const std::optional<std::string> word = ShellWord(path.GetPath());
-  if (!word) {
-    return false;
-  }
   if (path.Exists()) {
     return path.IsDirectory();
   }
-  return std::system(("mkdir -p " + *word).c_str()) == 0;
+  const std::optional<std::string> word = ShellWord(path.GetPath());
+  return word && std::system(("mkdir -p " + *word).c_str()) == 0;
 }
 
 bool Directory::DoEmptyDirectory() {
@@ -164,9 +163,12 @@ bool Directory::DoEmptyDirectory() {
     return false;
   }
   const PathIF& path = *impl->path;
+  if (!path.Exists() || !path.IsDirectory()) {
+    return false;
+  }
   const std::string_view text = path.GetPath();
   const std::optional<std::string> word = ShellWord(text);
-  if (!word || !path.Exists() || !path.IsDirectory()) {
+  if (!word) {
     return false;
   }
   // The "*" stays outside any quotes so that the shell expands it inside the directory.

@@ -49,6 +49,35 @@ std::string ReadFD(int fd) {
   return text.str();
 }
 
+namespace {
+
+// The two ends of RunCmd's pipe, closed through ClosePipe (with its record) when RunCmd leaves
+// by an exception; the ordinary paths close them themselves, in their own order.
+class PipeEnds {
+ public:
+  PipeEnds(int readEnd, int writeEnd) : readEnd(readEnd), writeEnd(writeEnd) {}
+  ~PipeEnds() {
+    if (open) {
+      ClosePipe(readEnd, writeEnd);
+    }
+  }
+  PipeEnds(const PipeEnds&) = delete;
+  PipeEnds& operator=(const PipeEnds&) = delete;
+
+  int Close() {
+    open = false;
+    return ClosePipe(readEnd, writeEnd);
+  }
+
+  const int readEnd;
+  const int writeEnd;
+
+ private:
+  bool open = true;
+};
+
+}  // namespace
+
 TarApi::~TarApi() = default;
 
 std::pair<std::string, int> TarApi::RunCmd(std::vector<std::string>& args) {
@@ -58,14 +87,15 @@ std::pair<std::string, int> TarApi::RunCmd(std::vector<std::string>& args) {
     DRN_LOG(LogLevel::Error, LogCategory::Tar) << "failed to pipe: " << error;
     return {std::string(), -error};
   }
-  const int readEnd = fds[0];
-  const int writeEnd = fds[1];
+  PipeEnds pipe(fds[0], fds[1]);
+  const int readEnd = pipe.readEnd;
+  const int writeEnd = pipe.writeEnd;
   std::vector<char*> argv = ConvertArgs(args);
 
   const pid_t pid = ::fork();
   if (pid < 0) {
     const int error = errno;
-    ClosePipe(readEnd, writeEnd);
+    pipe.Close();
     std::string text = "Failed to fork: ";
     for (const std::string& arg : args) {
       text += arg;
@@ -87,11 +117,11 @@ std::pair<std::string, int> TarApi::RunCmd(std::vector<std::string>& args) {
   if (::waitpid(pid, &status, 0) < 0) {
     const int error = errno;
     DRN_LOG(LogLevel::Error, LogCategory::Tar) << "waitpid failure: " << std::strerror(error);
-    ClosePipe(readEnd, writeEnd);
+    pipe.Close();
     throw std::runtime_error("waitpid failure");
   }
   std::string output = ReadFD(readEnd);
-  ClosePipe(readEnd, writeEnd);
+  pipe.Close();
   if (!WIFEXITED(status)) {
     DRN_LOG(LogLevel::Error, LogCategory::Tar) << "child process did not exit: " << status;
     throw std::runtime_error("child process did not exit");

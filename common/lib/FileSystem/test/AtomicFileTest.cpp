@@ -23,6 +23,7 @@
 #include "AtomicFile.h"
 #include "FileTestSupport.h"
 #include "LinuxApi.h"
+#include "ScratchFileSystem.h"
 
 namespace drn {
 namespace {
@@ -306,8 +307,8 @@ TEST_F(AtomicFileTest, TwoReplacementsOfOnePathBothSucceedAndTheLastCommitWins) 
 }
 
 TEST_F(AtomicFileTest, AFullFileSystemFailsTheStreamAndKeepsTheOldContent) {
-  const MountedTmpfs small(dir / "small", "64k");
-  ASSERT_TRUE(small.mounted) << "mounting a tmpfs needs root: " << std::strerror(errno);
+  const ScratchFileSystem small(dir / "small", "size=64k");
+  ASSERT_EQ(small.Failure(), "");
   const std::string settings = dir.WriteFile("small/settings", "old");
   const std::string block = Pattern(1 << 20);
   AtomicFile file(settings);
@@ -315,7 +316,7 @@ TEST_F(AtomicFileTest, AFullFileSystemFailsTheStreamAndKeepsTheOldContent) {
   EXPECT_TRUE(file.bad());
   EXPECT_FALSE(file.Commit());
   EXPECT_EQ(ReadWholeFile(settings), "old");
-  EXPECT_THAT(ListTree(small.path), ElementsAre("settings"));
+  EXPECT_THAT(ListTree(small.MountPoint()), ElementsAre("settings"));
   EXPECT_THAT(Texts(), ElementsAre(AllOf(HasSubstr("failed on write to"),
                                          HasSubstr("No space left on device"),
                                          HasSubstr("keeps its old content")),

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "FakeProgramDir.h"
+#include "MockPath.h"
 #include "MockSystemCallWrapper.h"
 #include "Narrow.h"
 #include "Path.h"
@@ -169,13 +170,18 @@ TEST(DirectoryCommandTest, PassesThePathAsOneWordAndOnlyWhenNeeded) {
   EXPECT_TRUE(On("full/").EmptyDirectory());
   EXPECT_TRUE(On(dir.Path()).CreateDirectory());
   EXPECT_FALSE(On("missing").EmptyDirectory());
+  // An existing directory is answered before any rule for command lines applies (a NUL ends the
+  // text the file system sees).
+  EXPECT_TRUE(On("-rf").CreateDirectory());
+  EXPECT_FALSE(On("-rf").EmptyDirectory());
+  EXPECT_TRUE(On(std::string("full\0/../-rf", 12)).CreateDirectory());
   // Not a directory; a leading '-' would be read as options; a NUL would cut the command short.
   for (const std::string& refused :
-       {std::string("file"), std::string("-rf"), std::string("-new"), std::string("--"),
-        std::string("a\0b", 3), std::string("full\0/../-rf", 12)}) {
+       {std::string("file"), std::string("-new"), std::string("--"), std::string("a\0b", 3)}) {
     EXPECT_FALSE(On(refused).CreateDirectory()) << refused;
     EXPECT_FALSE(On(refused).EmptyDirectory()) << refused;
   }
+  EXPECT_FALSE(On(std::string("full\0/../-rf", 12)).EmptyDirectory());
   // Without a path every operation fails; without a wrapper the fill level does.
   Directory noPath;
   EXPECT_FALSE(noPath.CreateDirectory());
@@ -186,6 +192,27 @@ TEST(DirectoryCommandTest, PassesThePathAsOneWordAndOnlyWhenNeeded) {
   EXPECT_EQ(On(dir.Path(), nullptr).GetPercentageUsed(), 0);
   EXPECT_EQ(testing::ReadWholeFile(log),
             "mkdir|-p|new|\nmkdir|-p|it's a $(name)|\nrm|-r|full/x|\nrm|-r|full/x|\n");
+}
+
+// The path is asked whether it exists, then whether it is a directory, and for its text only
+// when a command is to be built.
+TEST(DirectoryCommandTest, AsksThePathInOrder) {
+  using ::testing::Return;
+  const auto path = std::make_shared<::testing::StrictMock<MockPath>>();
+  {
+    const ::testing::InSequence inOrder;
+    EXPECT_CALL(*path, DoExists()).WillOnce(Return(true));
+    EXPECT_CALL(*path, DoIsDirectory()).WillOnce(Return(true));
+    EXPECT_CALL(*path, DoExists()).WillOnce(Return(true));
+    EXPECT_CALL(*path, DoIsDirectory()).WillOnce(Return(false));
+    EXPECT_CALL(*path, DoExists()).WillOnce(Return(true));
+    EXPECT_CALL(*path, DoIsDirectory()).WillOnce(Return(true));
+    EXPECT_CALL(*path, DoGetPath()).WillOnce(Return("-x"));
+  }
+  Directory directory(path, std::make_shared<SystemCallWrapper>());
+  EXPECT_TRUE(directory.CreateDirectory());
+  EXPECT_FALSE(directory.CreateDirectory());
+  EXPECT_FALSE(directory.EmptyDirectory());
 }
 
 // Names relative to a working directory that holds look-alike siblings and the home directory:

@@ -4,7 +4,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +16,13 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <functional>
 #include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "TarRunFixture.h"
 #include "TestHelpers.h"
@@ -20,6 +30,7 @@
 namespace drn {
 namespace {
 
+using namespace std::string_literals;
 using testing::Described;
 using Lines = std::vector<std::string>;
 
@@ -97,6 +108,144 @@ TEST_F(StreamingTarApiTest, OnlyTheStreamingRunnerWaitsWhenChildSignalsAreIgnore
               return false;
             }),
             0);
+}
+
+// Threads list over and over while another thread makes and ends children of its own and a
+// third watches the SIGCHLD disposition. Ignored: every run succeeds, the disposition never
+// changes and no zombie is left. Default: the program can still wait for each of its children.
+TEST_F(StreamingTarApiTest, ThreadsRunWhateverTheProgramDoesWithSIGCHLDAndOtherChildren) {
+  programs.AddScript("tar", "echo listed; exit 4");
+  for (const auto disposition : {SIG_IGN, SIG_DFL}) {
+    EXPECT_EQ(testing::RunInChild([&] {
+                std::signal(SIGCHLD, disposition);
+                std::atomic<int> failures{0};
+                std::atomic<bool> running{true};
+                std::vector<pid_t> others;
+                std::thread maker([&] {
+                  while (running) {
+                    const pid_t pid = ::fork();
+                    if (pid == 0) {
+                      ::_exit(0);
+                    }
+                    others.push_back(pid);
+                    std::this_thread::sleep_for(std::chrono::microseconds(500));
+                  }
+                });
+                std::thread watcher([&] {
+                  while (running) {
+                    struct sigaction current {};
+                    ::sigaction(SIGCHLD, nullptr, &current);
+                    failures += current.sa_handler != disposition ? 1 : 0;
+                  }
+                });
+                std::vector<std::thread> listers;
+                for (int thread = 0; thread < 4; ++thread) {
+                  listers.emplace_back([&] {
+                    for (int run = 0; run < 75; ++run) {
+                      std::vector<std::string> listArgs = {"-tf", "a.tar"};
+                      try {
+                        const auto result = StreamingTarApi().RunCmd(listArgs);
+                        failures += result == std::make_pair("listed\n"s, 4) ? 0 : 1;
+                      } catch (const std::exception&) {
+                        ++failures;
+                      }
+                    }
+                  });
+                }
+                for (std::thread& lister : listers) {
+                  lister.join();
+                }
+                running = false;
+                maker.join();
+                watcher.join();
+                if (disposition == SIG_IGN) {
+                  // Ended children vanish at once, unless something kept them.
+                  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                  return failures == 0 && !others.empty() && !testing::HasChildProcesses();
+                }
+                for (const pid_t other : others) {
+                  failures += ::waitpid(other, nullptr, 0) == other ? 0 : 1;
+                }
+                return failures == 0 && !others.empty();
+              }),
+              0)
+        << (disposition == SIG_IGN ? "ignored" : "default");
+  }
+}
+
+// A tar that writes its process number and sleeps: when the program that runs it is killed, or
+// only the thread that called RunCmd ends, tar ends within seconds, not after its 30. (Who reaps
+// it varies: the intermediate, when it sees the caller go first, or the orphans' reaper.)
+TEST_F(StreamingTarApiTest, TarDiesWithTheCallingProgramOrThread) {
+  const std::string pidFile = programs.Dir() / "tar.pid";
+  programs.AddScript("tar", "echo $$ > " + pidFile + ".new; mv " + pidFile + ".new " + pidFile +
+                                "; exec sleep 30");
+  const auto tarPid = [&] {
+    while (::access(pidFile.c_str(), F_OK) != 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return static_cast<pid_t>(std::stoi(testing::ReadWholeFile(pidFile)));
+  };
+  // Gone, or a zombie, within 5 s; a tar left running sleeps on.
+  const auto endsSoon = [](pid_t tar, const std::function<void()>& cause) {
+    cause();
+    for (int waited = 0; waited < 5000; waited += 5) {
+      std::ifstream stat("/proc/" + std::to_string(tar) + "/stat");
+      std::string pid;
+      std::string name;
+      char state = 0;
+      if (!(stat >> pid >> name >> state) || state == 'Z') {
+        return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+  };
+  const auto list = [this] {
+    std::vector<std::string> listArgs = {"-tf", "a.tar"};
+    StreamingTarApi().RunCmd(listArgs);
+  };
+  for (const bool wholeProgram : {true, false}) {
+    ::unlink(pidFile.c_str());
+    EXPECT_EQ(testing::RunInChild([&] {
+                ::alarm(20);
+                if (wholeProgram) {
+                  const pid_t program = ::fork();
+                  if (program == 0) {
+                    list();
+                    ::_exit(0);
+                  }
+                  return endsSoon(tarPid(), [&] { ::kill(program, SIGKILL); });
+                }
+                // The calling thread ends at once, without unwinding, from a signal handler.
+                std::signal(SIGUSR1, [](int) { ::syscall(SYS_exit, 0); });
+                std::thread caller(list);
+                const bool gone =
+                    endsSoon(tarPid(), [&] { ::pthread_kill(caller.native_handle(), SIGUSR1); });
+                caller.detach();
+                return gone;
+              }),
+              0)
+        << (wholeProgram ? "program killed" : "thread ended");
+  }
+}
+
+// A failing run with megabytes of output: the output comes back whole, the record carries its
+// first and last 2 KiB and the count of the bytes between.
+TEST_F(StreamingTarApiTest, RecordsOfAFailedRunStaySmall) {
+  std::string listing;
+  for (int entry = 0; listing.size() < (3 << 20); ++entry) {
+    listing += "dir/entry-" + std::to_string(entry) + "\n";
+  }
+  const std::string file = programs.Dir().WriteFile("listing", listing);
+  programs.AddScript("tar", "cat '" + file + "'; exit 2");
+  const auto [output, status] = StreamingTarApi().RunCmd(args);
+  EXPECT_EQ(status, 2);
+  EXPECT_TRUE(output == listing) << output.size() << " bytes";
+  const std::string left = std::to_string(listing.size() - 4096);
+  EXPECT_EQ(Described(log.Records()),
+            Lines{"RunCmd 3/0x8027: tar returned 2,\n" + listing.substr(0, 2048) + "\n[... " +
+                  left + " bytes left out ...]\n" + listing.substr(listing.size() - 2048)});
 }
 
 TEST_F(StreamingTarApiTest, OutputReachesThePipeWhenTheCallerHasStandardDescriptorsClosed) {

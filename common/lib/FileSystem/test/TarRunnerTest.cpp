@@ -9,12 +9,15 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "FailingAllocations.h"
 #include "StreamingTarApi.h"
 #include "TarRunFixture.h"
 #include "TestHelpers.h"
@@ -90,6 +93,23 @@ TEST_P(TarRunnerTest, NoDescriptorLeftForThePipe) {
                      Described(childLog.Records()) == Lines{"RunCmd 3/0x8027: failed to pipe: 24"};
             }),
             0);
+}
+
+// An exception while the argument vector is built (every allocation fails), or while the
+// streaming runner reads (its 64 KiB buffer fails), leaves no descriptor and no child behind (the
+// fixture checks). TarApi's reading puts bytes into a stream, which swallows a failed allocation.
+TEST_P(TarRunnerTest, AnAllocationFailureLeavesNothingBehind) {
+  programs.AddScript("tar", "head -c 20000 /dev/zero");
+  const bool streaming = GetParam() != "TarApi"s;
+  for (const std::size_t failFrom : {std::size_t{1}, std::size_t{32} * 1024}) {
+    if (failFrom > 1 && !streaming) {
+      continue;
+    }
+    std::vector<std::string> fresh = {"-tf", "a.tar"};
+    const std::shared_ptr<TarApi> runner = Make();
+    const testing::FailingAllocations failing(failFrom);
+    EXPECT_THROW(runner->RunCmd(fresh), std::bad_alloc) << failFrom;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Runners, TarRunnerTest,

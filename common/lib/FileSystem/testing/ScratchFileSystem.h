@@ -54,6 +54,7 @@ class ScratchFileSystem {
   // Empty when mounted; otherwise why not, for a test's skip message.
   const std::string& Failure() const { return failure; }
   std::string operator/(const std::string& name) const { return mountPoint + "/" + name; }
+  const std::string& MountPoint() const { return mountPoint; }
 
  private:
   std::string mountPoint;

@@ -1,11 +1,10 @@
 // Helpers for tests that use real files: a temporary directory, a log capture, running a check
 // as an unprivileged user, counting open descriptors, listing a tree, scoped changes of the
-// environment and the working directory, and a small mounted file system.
+// environment and the working directory.
 #pragma once
 
 #include <dirent.h>
 #include <grp.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -172,7 +171,8 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
 // nothing.
 inline bool HasChildProcesses() {
   siginfo_t info{};
-  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+  // __WALL: children without an exit signal count too.
+  return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 || errno != ECHILD;
 }
 
 // Open descriptors of this process, for leak checks around code that opens and closes.
@@ -235,26 +235,6 @@ class ScopedWorkingDirectory {
 
  private:
   std::filesystem::path previous;
-};
-
-// A small tmpfs mounted at a new directory (inside a TempDir) while it lives, to make a file
-// system fill up for real. Mounting needs root; mounted says whether it worked.
-class MountedTmpfs {
- public:
-  MountedTmpfs(std::string where, const std::string& size) : path(std::move(where)) {
-    std::filesystem::create_directory(path);
-    mounted = ::mount("drx_test", path.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
-  }
-  ~MountedTmpfs() {
-    if (mounted) {
-      ::umount(path.c_str());
-    }
-  }
-  MountedTmpfs(const MountedTmpfs&) = delete;
-  MountedTmpfs& operator=(const MountedTmpfs&) = delete;
-
-  const std::string path;
-  bool mounted = false;
 };
 
 }  // namespace drn::testing

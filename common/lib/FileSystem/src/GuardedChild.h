@@ -1,0 +1,63 @@
+// GuardedChild: a program run under a private intermediate process that waits for it.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <memory>
+
+#include "SystemCalls.h"
+
+namespace drn {
+
+// A program found on the search path, run as the grandchild of the calling thread under an
+// intermediate process that shares the caller's memory, so that starting it costs the same
+// whatever the caller's size. The intermediate has no exit signal, so the kernel keeps it for
+// the caller to wait for whatever the caller's SIGCHLD disposition, and the caller's SIGCHLD
+// handler never hears of it; it waits for the program with SIGCHLD at its own default. Nothing
+// process-wide changes and no other child of the caller is waited for. Both die with the
+// thread that started them.
+class GuardedChild {
+ public:
+  // Runs program with argv, standard output and standard error on outputFd (close-on-exec, and
+  // left blocking for the program). Returns once the program has been executed or has failed
+  // to be (its status is then an exit with 255); nullptr with errno set when no process could
+  // be made. argv must stay valid until then.
+  static std::unique_ptr<GuardedChild> Start(const char* program, char* const argv[], int outputFd);
+  // Kills the program and waits for it, unless it has been waited for.
+  ~GuardedChild();
+  GuardedChild(const GuardedChild&) = delete;
+  GuardedChild& operator=(const GuardedChild&) = delete;
+
+  enum class Wait { Ended, Running, Failed };
+  // Waits for the program to end, or only looks when block is false. Ended fills status with
+  // the program's wait status; Failed leaves errno as waitpid set it, and there is then nothing
+  // left to kill.
+  Wait TryWait(bool block, int& status);
+  // Kills the program with SIGKILL and waits for it; nothing when it has been waited for.
+  void Kill();
+
+  // What the intermediate and the program read from the caller's memory.
+  struct Launch {
+    const char* program;
+    char* const* argv;
+    int outputFd;
+    // The intermediate's end of the socket it shares with the caller, and the caller's end.
+    int reportFd;
+    int callerEnd;
+    pid_t callerPid;
+    sigset_t callerMask;
+    char* programStack;
+  };
+
+ private:
+  GuardedChild() = default;
+
+  struct Stacks;
+  std::unique_ptr<Stacks> stacks;
+  Launch launch{};
+  Descriptor report;
+  pid_t intermediate = -1;
+};
+
+}  // namespace drn
