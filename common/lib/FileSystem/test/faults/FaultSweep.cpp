@@ -147,10 +147,18 @@ std::string TarRecord(const std::string& function, const std::string& text) {
   return Record(function, 3, "0x8027", text);
 }
 
-// Runs body with every record captured, and turns what it returned or threw into an Outcome.
+// Set while a point runs with every log level disabled.
+bool& LoggingOff() {
+  static bool off = false;
+  return off;
+}
+
+// Runs body with every record captured (none while logging is off), and turns what it returned
+// or threw into an Outcome.
 Outcome Observe(const std::function<void(Outcome&)>& body) {
   Outcome outcome;
-  const testing::LogCapture log;
+  const bool off = LoggingOff();
+  const testing::LogCapture log([off](LogLevel) { return !off; });
   try {
     body(outcome);
   } catch (const std::ios_base::failure& error) {
@@ -1325,15 +1333,29 @@ std::string RunPoint(const Operation& operation, const Point& point, const Outco
   const int status = testing::RunInChild([&] {
     ::close(report[0]);
     ::alarm(20);
-    std::string problems;
-    {
+    // Each point runs twice: as it is, and with every log level disabled, where it must do the
+    // same without a record (logging never changes an operation's result).
+    const auto runOnce = [&](bool loggingOff) {
+      std::string problems;
       const int descriptors = testing::CountOpenDescriptors();
       const TempDir dir;
+      LoggingOff() = loggingOff;
       Arm(point.function, point.call, point.error);
       const Outcome got = operation.run(dir);
       const bool fired = Fired();
       Reset();
-      const Expected expected = operation.expect(point, baseline, dir);
+      LoggingOff() = false;
+      Expected expected = operation.expect(point, baseline, dir);
+      if (loggingOff) {
+        expected.records.clear();
+        if (expected.checkDecides) {
+          // An outcome of several forms is told apart by its records: only their absence is
+          // checked.
+          expected.check = [](const Outcome& quiet) {
+            return quiet.records.empty() ? std::string() : "a record while logging is off";
+          };
+        }
+      }
       problems = Compare(expected, got);
       if (!fired && !expected.mayNotFire) {
         problems += " the fault was never delivered;";
@@ -1348,6 +1370,12 @@ std::string RunPoint(const Operation& operation, const Point& point, const Outco
       if (testing::CountOpenDescriptors() != descriptors) {
         problems += " a descriptor was left open;";
       }
+      return problems;
+    };
+    std::string problems = runOnce(false);
+    const std::string quietProblems = runOnce(true);
+    if (!quietProblems.empty()) {
+      problems += " with logging off:" + quietProblems;
     }
     // The parent reads only after this child has ended: the report must fit the pipe.
     problems.resize(std::min<std::size_t>(problems.size(), 4096));
