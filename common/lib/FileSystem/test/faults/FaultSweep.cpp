@@ -553,9 +553,10 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           try {
             auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
             SetPhase(kUse);
-            *file << "0123"
-                  << "456";
-            file->put('7');
+            // A put that finds a buffer of 4 full, then pieces that fit and that do not.
+            *file << "0123";
+            file->put('4');
+            *file << "567";
             *file << "89A";
             out.result = file->good() ? "written" : "bad";
             SetPhase(kFlush);
