@@ -36,7 +36,12 @@ TEST_P(DrxfsFailureTest, IsStatusOneWithOneLineNamingPathAndReason) {
   dir.WriteFile("file", "x");
   dir.MakeDir("out");
   dir.WriteFile("corrupt.tar", std::string(2000, 'x'));
-  ASSERT_EQ(::mkfifo((dir / "fifo.tar").c_str(), 0600), 0);
+  if (GetParam().path == "@/fifo.tar") {
+    if (testing::OnFat(dir.Path())) {
+      GTEST_SKIP() << "FAT has no named pipes";
+    }
+    ASSERT_EQ(::mkfifo((dir / "fifo.tar").c_str(), 0600), 0);
+  }
   const auto inDir = [&dir](const std::string& text) {
     return text[0] == '@' ? dir.Path() + text.substr(1) : text;
   };
