@@ -11,10 +11,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -57,15 +59,15 @@ void WriteLine(int console, const std::string& line) {
 }
 
 void Acknowledge(int console, std::uint64_t offset, const std::vector<char>& record) {
-  char line[96];
-  std::snprintf(line, sizeof line, "ACK %" PRIu64 " %zu %016" PRIx64, offset, record.size(),
-                Fnv1a(record));
-  WriteLine(console, line);
+  std::ostringstream line;
+  line << "ACK " << offset << ' ' << record.size() << ' ' << std::hex << std::setw(16)
+       << std::setfill('0') << Fnv1a(record);
+  WriteLine(console, line.str());
 }
 
 int RunFileWriter(const std::string& name, int console) {
   if (!drn::File::CreateFile(name)) {
-    std::fprintf(stderr, "device_writer: cannot create %s\n", name.c_str());
+    std::cerr << "device_writer: cannot create " << name << '\n';
     return 1;
   }
   const drn::Path path(name);
@@ -81,7 +83,7 @@ int RunFileWriter(const std::string& name, int console) {
     file.write(record.data(), static_cast<std::streamsize>(record.size()));
     file.flush();
     if (!file.good()) {
-      std::fprintf(stderr, "device_writer: record %" PRIu64 " failed\n", index);
+      std::cerr << "device_writer: record " << index << " failed\n";
       return 1;
     }
     Acknowledge(console, offset, record);
@@ -92,7 +94,7 @@ int RunFileWriter(const std::string& name, int console) {
 int RunControlWriter(const std::string& name, int console) {
   const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {
-    std::fprintf(stderr, "device_writer: %s: %s\n", name.c_str(), std::strerror(errno));
+    std::cerr << "device_writer: " << name << ": " << std::strerror(errno) << '\n';
     return 1;
   }
   WriteLine(console, "START");
@@ -100,7 +102,7 @@ int RunControlWriter(const std::string& name, int console) {
   for (std::uint64_t index = 0;; ++index) {
     const std::vector<char> record = MakeRecord(index, offset);
     if (::write(fd, record.data(), record.size()) != static_cast<ssize_t>(record.size())) {
-      std::fprintf(stderr, "device_writer: write: %s\n", std::strerror(errno));
+      std::cerr << "device_writer: write: " << std::strerror(errno) << '\n';
       return 1;
     }
     Acknowledge(console, offset, record);
@@ -114,13 +116,13 @@ int RunControlWriter(const std::string& name, int console) {
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::fprintf(stderr, "usage: device_writer file|control FILE CONSOLE\n");
+    std::cerr << "usage: device_writer file|control FILE CONSOLE\n";
     return 2;
   }
   const std::string mode = argv[1];
   const int console = ::open(argv[3], O_WRONLY | O_CLOEXEC);
   if (console < 0) {
-    std::fprintf(stderr, "device_writer: %s: %s\n", argv[3], std::strerror(errno));
+    std::cerr << "device_writer: " << argv[3] << ": " << std::strerror(errno) << '\n';
     return 1;
   }
   if (mode == "file") {
@@ -129,6 +131,6 @@ int main(int argc, char** argv) {
   if (mode == "control") {
     return RunControlWriter(argv[2], console);
   }
-  std::fprintf(stderr, "device_writer: unknown mode %s\n", mode.c_str());
+  std::cerr << "device_writer: unknown mode " << mode << '\n';
   return 2;
 }
