@@ -17,6 +17,9 @@ using namespace drn::testing;
 
 TEST(FileUtilityTest, CreateKeepsAndRecreateEmptiesWhatExistsAndBothMakeWhatIsMissing) {
   const TempDir dir;
+  if (OnFat(dir.Path())) {
+    GTEST_SKIP() << "FAT keeps no permission bits and has no symbolic links";
+  }
   for (const char* name : {"kept", "emptied"}) {
     ASSERT_EQ(::chmod(dir.WriteFile(name, "contents").c_str(), 0600), 0);
   }

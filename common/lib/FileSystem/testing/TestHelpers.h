@@ -1,11 +1,13 @@
 // Helpers for tests that use real files: a temporary directory, a log capture, running a check
 // as an unprivileged user, counting open descriptors, listing a tree, scoped changes of the
-// environment and the working directory.
+// environment and the working directory, and telling a FAT file system.
 #pragma once
 
 #include <dirent.h>
 #include <grp.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +82,14 @@ class TempDir {
  private:
   std::string root;
 };
+
+// Whether path lies on a FAT file system (an SD card's usual format), which keeps no owners,
+// permission bits or symbolic links and refuses some characters in names. Tests that need those
+// skip there: GTEST_SKIP() << "FAT has no ..." when OnFat(dir.Path()).
+inline bool OnFat(const std::string& path) {
+  struct statfs stats {};
+  return ::statfs(path.c_str(), &stats) == 0 && stats.f_type == MSDOS_SUPER_MAGIC;
+}
 
 inline std::string ReadWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
