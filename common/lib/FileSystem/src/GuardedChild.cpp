@@ -198,13 +198,17 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
   const int flags = DRN_RUNNING_ON_VALGRIND ? 0 : CLONE_VM;
   child->intermediate =
       __clone(RunIntermediate, child->stacks->IntermediateTop(), flags, &child->launch);
-  const int error = errno;
+  int error = errno;
   intermediateEnd.Close();
   if (child->intermediate > 0) {
     // Every signal is blocked, so nothing interrupts this: a byte once the program runs, end of
-    // file when the intermediate ended without starting it.
+    // file when the intermediate ended without starting it. A read that fails would leave the
+    // byte to be taken for the program's status, so the program is given up instead.
     char started = 0;
-    static_cast<void>(::read(child->report.Get(), &started, 1));
+    if (RetryOnEintr([&] { return ::read(child->report.Get(), &started, 1); }) < 0) {
+      error = errno;
+      child->Kill();
+    }
   }
   ::pthread_sigmask(SIG_SETMASK, &child->launch.callerMask, nullptr);
   if (child->intermediate < 0) {
@@ -231,11 +235,18 @@ GuardedChild::Wait GuardedChild::TryWait(bool block, int& status) {
   }
   // The intermediate reports the program's status and exits with 0; anything else is its own
   // end (it could not start the program, or was killed), which stands for the program's.
+  if (!WIFEXITED(raw) || WEXITSTATUS(raw) != 0) {
+    status = raw;
+    return Wait::Ended;
+  }
+  // A status that cannot be read is no success: the wait has failed.
   int programStatus = 0;
-  const bool reported = WIFEXITED(raw) && WEXITSTATUS(raw) == 0 &&
-                        ::read(report.Get(), &programStatus, sizeof programStatus) ==
-                            static_cast<ssize_t>(sizeof programStatus);
-  status = reported ? programStatus : raw;
+  const ssize_t count =
+      RetryOnEintr([&] { return ::read(report.Get(), &programStatus, sizeof programStatus); });
+  if (count < 0) {
+    return Wait::Failed;
+  }
+  status = count == static_cast<ssize_t>(sizeof programStatus) ? programStatus : raw;
   return Wait::Ended;
 }
 

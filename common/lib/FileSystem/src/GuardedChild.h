@@ -22,7 +22,8 @@ class GuardedChild {
   // Runs program with argv, standard output and standard error on outputFd (close-on-exec, and
   // left blocking for the program). Returns once the program has been executed or has failed
   // to be (its status is then an exit with 255); nullptr with errno set when no process could
-  // be made. argv must stay valid until then.
+  // be made, or when whether the program runs could not be read (it is then killed and waited
+  // for). argv must stay valid until then.
   static std::unique_ptr<GuardedChild> Start(const char* program, char* const argv[], int outputFd);
   // Kills the program and waits for it, unless it has been waited for.
   ~GuardedChild();
@@ -31,8 +32,8 @@ class GuardedChild {
 
   enum class Wait { Ended, Running, Failed };
   // Waits for the program to end, or only looks when block is false. Ended fills status with
-  // the program's wait status; Failed leaves errno as waitpid set it, and there is then nothing
-  // left to kill.
+  // the program's wait status; Failed leaves errno as waitpid (or the read of the status the
+  // intermediate reports) set it, and there is then nothing left to kill.
   Wait TryWait(bool block, int& status);
   // Kills the program with SIGKILL and waits for it; nothing when it has been waited for.
   void Kill();

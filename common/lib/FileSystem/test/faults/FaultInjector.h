@@ -13,31 +13,37 @@
 
 namespace drn::faults {
 
-// The interposed functions, in the order of their names.
+// The interposed functions, in the order of their names. clone is glibc's __clone; dup3,
+// memfd_create, pidfd_open and prctl are the system calls of those numbers made through
+// syscall, which counts no other number.
 enum class Function {
   access,
+  chmod,
+  clone,
   close,
   closedir,
   dup2,
+  dup3,
   execvp,
   fcntl,
   fork,
   fsync,
-  kill,
   lseek,
+  memfd_create,
   open,
   opendir,
+  pidfd_open,
   pipe2,
   poll,
-  posix_spawn,
-  posix_spawnp,
+  prctl,
   read,
   readdir,
+  remove,
   rename,
+  socketpair,
   stat,
   statfs,
   syncfs,
-  syscall,
   system,
   waitpid,
   write,
@@ -74,5 +80,9 @@ void SetPhase(int phase);
 
 // Stops counting and failing in this process, for a child that is about to end.
 void Exiting();
+
+// Resolves everything the interposers need, so that none of it is first done inside a child
+// that shares this process's memory (the tar runner's), where it must not be.
+void Prepare();
 
 }  // namespace drn::faults
