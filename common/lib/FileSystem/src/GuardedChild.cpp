@@ -198,6 +198,13 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
   const int flags = DRN_RUNNING_ON_VALGRIND ? 0 : CLONE_VM;
   child->intermediate =
       __clone(RunIntermediate, child->stacks->IntermediateTop(), flags, &child->launch);
+  // A user-mode emulator (qemu-user) runs clone only as a thread or as a fork that signals
+  // SIGCHLD at its end: there the intermediate is such a fork, which a program that ignores
+  // SIGCHLD cannot wait for.
+  if (child->intermediate < 0 && errno == EINVAL) {
+    child->intermediate =
+        __clone(RunIntermediate, child->stacks->IntermediateTop(), SIGCHLD, &child->launch);
+  }
   int error = errno;
   intermediateEnd.Close();
   if (child->intermediate > 0) {
