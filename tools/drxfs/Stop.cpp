@@ -41,7 +41,9 @@ extern "C" void OnStopSignal(int signal) {
   int none = 0;
   stopSignal.compare_exchange_strong(none, signal);
   const char byte = 0;
-  static_cast<void>(::write(wakePipe[1], &byte, 1));
+  // A failed write finds the pipe full, so a wake-up byte is already waiting.
+  const ssize_t written = ::write(wakePipe[1], &byte, 1);
+  static_cast<void>(written);
   errno = savedErrno;
 }
 
