@@ -268,8 +268,9 @@ TEST(DrxfsNameTest, JsonWritesNamesThatAreNotUtf8AsTheirBytes) {
   const std::string command =
       "tar -cf '" + archive + "' -C '" + (dir / "d\xff") + "' '" + bad + "' '" + good + "'";
   ASSERT_EQ(std::system(command.c_str()), 0);
-  // tar itself writes such member names escaped (f\377\376.txt); the archive's name comes
-  // from the command line.
+  // tar itself writes such member names escaped (f\377\376.txt), and valid UTF-8 ones as they
+  // are only in a UTF-8 locale; the archive's name comes from the command line.
+  const testing::ScopedEnvironmentVariable utf8("LC_ALL", "C.UTF-8");
   const nlohmann::json listed = json({"tar", "list", "--json", archive});
   EXPECT_EQ(listed["archive"], bytes(archive));
   EXPECT_EQ(listed["entries"].size(), 2u);
