@@ -143,6 +143,9 @@ TEST(DrxfsCommandTest, MkdirAndEmptyLeaveWhatIsAlreadyAsAsked) {
 TEST(DrxfsEmptyTest, TheRootDirectoryIsEmptiedOnlyWhenAskedExplicitly) {
   // Only a fake rm can be found, and drxfs runs unprivileged: a regression removes nothing.
   const FakeProgramDir fakes(FakeProgramDir::Search::Only);
+  if (testing::OnFat(fakes.Dir().Path())) {
+    GTEST_SKIP() << "FAT keeps no permission bits: the unprivileged fake rm cannot write there";
+  }
   ::chmod(fakes.Dir().Path().c_str(), 0777);
   const std::string called = fakes.Dir() / "called";
   fakes.AddScript("rm", "echo \"$@\" > " + called);
@@ -224,25 +227,38 @@ TEST(DrxfsNameTest, RelativeArchiveNamesAreLocalFilesNeverHostsOrStandardInput) 
   const TempDir dir;
   // tar would read "-" from standard input, and look for a host "logs_2024-05-01T12".
   MakeArchive(dir, dir / "-");
-  std::filesystem::copy_file(dir / "-", dir / "logs_2024-05-01T12:30:00.tar");
+  // FAT refuses ':' in names.
+  const bool onFat = testing::OnFat(dir.Path());
+  if (!onFat) {
+    std::filesystem::copy_file(dir / "-", dir / "logs_2024-05-01T12:30:00.tar");
+  }
   DrxfsSetting setting = WithInput("not an archive");
   setting.workingDirectory = dir.Path();
   for (const auto& runner : kRunnerChoices) {
     SCOPED_TRACE(::testing::PrintToString(runner));
     for (const std::string archive : {"-", "logs_2024-05-01T12:30:00.tar"}) {
+      if (onFat && archive != "-") {
+        continue;
+      }
       const DrxfsResult listed = RunDrxfs(TarCommand("list", runner, {archive}), setting);
       EXPECT_EQ(listed.out, "a.txt\nsub/b.txt\n") << listed.err;
     }
-    const std::string out = "out:" + std::to_string(runner.size());
+    const std::string out = (onFat ? "out-" : "out:") + std::to_string(runner.size());
     dir.MakeDir(out);
     const DrxfsResult extracted = RunDrxfs(TarCommand("extract", runner, {"-", out}), setting);
     EXPECT_EQ(extracted.status, 0) << extracted.err;
     EXPECT_EQ(ReadWholeFile(dir / out + "/sub/b.txt"), "beta");
   }
+  if (onFat) {
+    GTEST_SKIP() << "FAT refuses ':' in names: only \"-\" was tried";
+  }
 }
 
 TEST(DrxfsNameTest, JsonWritesNamesThatAreNotUtf8AsTheirBytes) {
   const TempDir dir;
+  if (testing::OnFat(dir.Path())) {
+    GTEST_SKIP() << "FAT keeps names in UTF-16: a name that is not UTF-8 cannot be made there";
+  }
   const std::string bad = "f\xff\xfe.txt";
   const std::string good = "\xc3\xa9t\xc3\xa9.txt";  // "été.txt"
   const std::string file = dir.WriteFile("d\xff/" + bad, "12345");

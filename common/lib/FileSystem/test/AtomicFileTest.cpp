@@ -227,6 +227,9 @@ TEST_F(AtomicFileTest, CancelAndDestructionLeaveTheOldContentAndEndTheStream) {
 }
 
 TEST_F(AtomicFileTest, KeepsAnExistingModeAndGivesANewFile0644LessTheUmask) {
+  if (OnFat(dir.Path())) {
+    GTEST_SKIP() << "FAT keeps no permission bits";
+  }
   const ScopedUmask mask(027);
   for (const mode_t mode : {0600U, 0666U, 0751U}) {
     dir.WriteFile("settings", "old");
@@ -247,8 +250,6 @@ TEST_F(AtomicFileTest, RefusesPathsItCannotReplaceWithARecord) {
   EXPECT_THROW(AtomicFile(""), std::invalid_argument);
   EXPECT_THROW(AtomicFile{sub}, std::invalid_argument);
   EXPECT_THROW(AtomicFile(dir / "missing/"), std::invalid_argument);
-  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
-  EXPECT_THROW(AtomicFile(dir / "pipe"), std::invalid_argument);
   EXPECT_THROW(AtomicFile(dir / "missing/settings"), std::ios_base::failure);
   EXPECT_THAT(
       capture.Records(),
@@ -256,10 +257,8 @@ TEST_F(AtomicFileTest, RefusesPathsItCannotReplaceWithARecord) {
                            LogCategory::FileSystem, HasSubstr("empty path")),
                   ::testing::Field(&LogRecord::text, HasSubstr(sub + ": it is a directory")),
                   ::testing::Field(&LogRecord::text, HasSubstr("it is a directory")),
-                  ::testing::Field(&LogRecord::text, HasSubstr("not a regular file")),
                   ::testing::Field(&LogRecord::text, HasSubstr("No such file or directory"))));
-  EXPECT_THAT(Entries(), ElementsAre("pipe", "sub"));
-
+  EXPECT_THAT(Entries(), ElementsAre("sub"));
   // Another user may read but not write the directory.
   dir.WriteFile("sub/settings", "old");
   EXPECT_EQ(RunUnprivileged([&] {
@@ -272,9 +271,20 @@ TEST_F(AtomicFileTest, RefusesPathsItCannotReplaceWithARecord) {
             }),
             0);
   EXPECT_EQ(ReadWholeFile(sub + "/settings"), "old");
+
+  if (OnFat(dir.Path())) {
+    GTEST_SKIP() << "FAT has no named pipes";
+  }
+  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
+  EXPECT_THROW(AtomicFile(dir / "pipe"), std::invalid_argument);
+  EXPECT_THAT(capture.Records().back().text, HasSubstr("not a regular file"));
+  EXPECT_THAT(Entries(), ElementsAre("pipe", "sub", "sub/settings"));
 }
 
 TEST_F(AtomicFileTest, APlantedLinkAtTheTemporaryNameIsNotFollowed) {
+  if (OnFat(dir.Path())) {
+    GTEST_SKIP() << "FAT has no symbolic links";
+  }
   dir.WriteFile("settings", "old");
   const std::string victim = dir.WriteFile("victim", "untouched");
   std::string planted;
