@@ -21,6 +21,8 @@ namespace drn {
 /// rename stays on one file system), named ".NAME.XXXXXX" and created exclusively, never through
 /// a symbolic link. Commit flushes the stream, fsyncs the temporary file, closes it, renames it
 /// over the target and fsyncs the directory, so that the new name itself survives a power cut.
+/// On FAT, where a file's size and first cluster live in its directory entry and only the file's
+/// own fsync writes that entry, it also fsyncs the file under its new name before the directory.
 /// Readers that open the target at any time see either its complete old content or the complete
 /// new content. Without a successful Commit the target is never touched.
 ///
@@ -77,12 +79,12 @@ class DRN_EXPORT AtomicFile : public std::ostream, private std::basic_streambuf<
 
   /// Makes the bytes written so far path's whole content, durably.
   /// @return true only when every step succeeded: the output was written, the temporary file
-  ///         fsynced, closed and renamed over path, and path's directory fsynced. false on any
-  ///         failure (with a level-3 record that names the step and the error), after a stream
-  ///         write that failed earlier, on a bad stream, and on every call after the first
-  ///         Commit or a Cancel. When the rename succeeded and only the directory's fsync (or
-  ///         its open or close) failed, the new content is in place but its durability is not
-  ///         confirmed; the record says so. Otherwise path keeps its old content.
+  ///         fsynced, closed and renamed over path, (on FAT) path fsynced again, and path's
+  ///         directory fsynced. false on any failure (with a level-3 record that names the step and
+  ///         the error), after a stream write that failed earlier, on a bad stream, and on every
+  ///         call after the first Commit or a Cancel. When the rename succeeded and only a later
+  ///         fsync (or its open or close) failed, the new content is in place but its durability
+  ///         is not confirmed; the record says so. Otherwise path keeps its old content.
   ///         Output after Commit fails (badbit).
   bool Commit() { return DoCommit(); }
 

@@ -2,10 +2,12 @@
 #include "AtomicFile.h"
 
 #include <fcntl.h>
+#include <linux/msdos_fs.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -48,6 +50,9 @@ struct AtomicFile::Impl {
   bool Write(const char* data, std::size_t count);
   // The steps after the last write: fsync, close, rename, fsync of the directory.
   bool Replace();
+  // Opens name with flags, fsyncs and closes it; after the rename, so a failure leaves the new
+  // content in place.
+  bool SyncByName(const std::string& name, int flags);
   // Gives the replacement up after a failed step: a record naming step and error (0: none),
   // then the temporary file goes. inPlace says the rename had already succeeded. Always false.
   bool Fail(const std::string& step, int error, bool inPlace);
@@ -145,6 +150,14 @@ bool AtomicFile::Impl::Replace() {
   if (linuxApi->fsync(fd) != 0) {
     return Fail("fsync of " + temporary, errno, false);
   }
+  // FAT keeps a file's size and first cluster in its directory entry, which only the file's own
+  // fsync writes, not the directory's: there the file is synced again under its new name, or a
+  // cut could leave the renamed entry as it was (empty, or on the old content's freed clusters).
+  // Every other file system answers this FAT request with ENOTTY; any other failure is taken
+  // for FAT, to be safe.
+  std::array<char, sizeof(std::uint32_t)> attributes{};
+  const bool entryHoldsSize =
+      linuxApi->ioctl(fd, FAT_IOCTL_GET_ATTRIBUTES, attributes.data()) == 0 || errno != ENOTTY;
   // Linux releases the descriptor even when close fails: it is never closed twice.
   const int closed = linuxApi->close(std::exchange(fd, -1));
   if (closed != 0) {
@@ -154,19 +167,29 @@ bool AtomicFile::Impl::Replace() {
     return Fail("rename of " + temporary + " to " + path, errno, false);
   }
   renamed = true;
-  const int directoryFd = linuxApi->open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directoryFd < 0) {
-    return Fail("open of " + directory, errno, true);
-  }
-  if (linuxApi->fsync(directoryFd) != 0) {
-    const int error = errno;
-    linuxApi->close(directoryFd);
-    return Fail("fsync of " + directory, error, true);
-  }
-  if (linuxApi->close(directoryFd) != 0) {
-    return Fail("close of " + directory, errno, true);
+  // The file before the directory: a cut in between can leave the new content under both
+  // names, never under none.
+  if ((entryHoldsSize && !SyncByName(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)) ||
+      !SyncByName(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    return false;
   }
   state = State::Committed;
+  return true;
+}
+
+bool AtomicFile::Impl::SyncByName(const std::string& name, int flags) {
+  const int syncFd = linuxApi->open(name.c_str(), flags);
+  if (syncFd < 0) {
+    return Fail("open of " + name, errno, true);
+  }
+  if (linuxApi->fsync(syncFd) != 0) {
+    const int error = errno;
+    linuxApi->close(syncFd);
+    return Fail("fsync of " + name, error, true);
+  }
+  if (linuxApi->close(syncFd) != 0) {
+    return Fail("close of " + name, errno, true);
+  }
   return true;
 }
 

@@ -40,6 +40,7 @@ struct Script {
   int failAt = 0;                  // the call (counted from 1) that fails with EIO; 0: none
   unsigned long writeLimit = 0;    // the most one write takes; 0: no limit
   int interruptions = 0;           // the writes still to fail with EINTR
+  bool fat = false;                // the FAT request succeeds whatever the file system
   std::function<void(const char*)> beforeCreate;  // runs before each exclusive create
   std::map<int, std::string> names;               // shown names of open descriptors
 };
@@ -78,6 +79,11 @@ class ScriptedApi : public LinuxApi {
     // Linux releases the descriptor also when close reports an error.
     const int result = LinuxApi::DoClose(fd);
     return Call("close " + script->names[fd], [result] { return result; });
+  }
+  using LinuxApi::DoIoctl;
+  int DoIoctl(int fd, unsigned long request, char* argument) override {
+    return Call("ioctl " + script->names[fd],
+                [&] { return script->fat ? 0 : LinuxApi::DoIoctl(fd, request, argument); });
   }
   int DoRename(const char* from, const char* to) override {
     return Call("rename " + Shown(from) + " " + Shown(to),
@@ -334,18 +340,29 @@ TEST_F(AtomicFileTest, AFullFileSystemFailsTheStreamAndKeepsTheOldContent) {
 }
 
 TEST_F(AtomicFileTest, CommitWritesEverythingThenFsyncsTheFileBeforeTheRenameAndTheDirAfter) {
-  dir.WriteFile("settings", "old");
-  script->writeLimit = 3;
-  script->interruptions = 1;
-  AtomicFile file(target, Api(), 8);
-  file << "0123456789abcdefghij";
-  ASSERT_TRUE(file.Commit());
-  EXPECT_EQ(ReadWholeFile(target), "0123456789abcdefghij");
-  EXPECT_THAT(script->calls,
-              ElementsAre("stat settings", "create TEMP", "chmod TEMP", "write TEMP", "write TEMP",
-                          "write TEMP", "write TEMP", "write TEMP", "write TEMP", "write TEMP",
-                          "write TEMP", "fsync TEMP", "close TEMP", "rename TEMP settings",
-                          "open DIR", "fsync DIR", "close DIR"));
+  // On FAT the file is synced under its new name too, before the directory.
+  for (const bool fat : {false, true}) {
+    SCOPED_TRACE(fat ? "FAT" : "the file system here");
+    dir.WriteFile("settings", "old");
+    *script = Script();
+    script->directory = dir.Path() + "/";
+    script->writeLimit = 3;
+    script->interruptions = 1;
+    script->fat = fat;
+    AtomicFile file(target, Api(), 8);
+    file << "0123456789abcdefghij";
+    ASSERT_TRUE(file.Commit());
+    EXPECT_EQ(ReadWholeFile(target), "0123456789abcdefghij");
+    std::vector<std::string> expected = {
+        "stat settings", "create TEMP", "chmod TEMP", "write TEMP", "write TEMP",
+        "write TEMP",    "write TEMP",  "write TEMP", "write TEMP", "write TEMP",
+        "write TEMP",    "fsync TEMP",  "ioctl TEMP", "close TEMP", "rename TEMP settings"};
+    if (fat || OnFat(dir.Path())) {
+      expected.insert(expected.end(), {"open settings", "fsync settings", "close settings"});
+    }
+    expected.insert(expected.end(), {"open DIR", "fsync DIR", "close DIR"});
+    EXPECT_EQ(script->calls, expected);
+  }
 }
 
 TEST_F(AtomicFileTest, EveryFailingCallEndsTheReplacementWithARecordAndNothingLeftBehind) {
@@ -360,7 +377,9 @@ TEST_F(AtomicFileTest, EveryFailingCallEndsTheReplacementWithARecordAndNothingLe
     EXPECT_EQ(file.bad(), failed);
     return file.Commit();
   };
+  // As on FAT, so that the steps only FAT takes fail too.
   dir.WriteFile("settings", "old");
+  script->fat = true;
   ASSERT_TRUE(replace());
   const std::vector<std::string> calls = script->calls;
   const auto rename = std::find(calls.begin(), calls.end(), "rename TEMP settings");
@@ -373,6 +392,7 @@ TEST_F(AtomicFileTest, EveryFailingCallEndsTheReplacementWithARecordAndNothingLe
     *script = Script();
     script->directory = dir.Path() + "/";
     script->failAt = k;
+    script->fat = true;
     const LogCapture records;
     bool committed = false;
     bool thrown = false;
@@ -380,6 +400,14 @@ TEST_F(AtomicFileTest, EveryFailingCallEndsTheReplacementWithARecordAndNothingLe
       committed = replace();
     } catch (const std::ios_base::failure&) {
       thrown = true;
+    }
+    if (calls[k - 1] == "ioctl TEMP") {
+      // A failed FAT request only makes the commit take FAT's extra step.
+      EXPECT_TRUE(committed);
+      EXPECT_EQ(script->calls, calls);
+      EXPECT_EQ(ReadWholeFile(target), content);
+      EXPECT_THAT(records.Records(), ::testing::IsEmpty());
+      continue;
     }
     EXPECT_FALSE(committed);
     EXPECT_EQ(thrown, calls[k - 1] == "stat settings" || calls[k - 1] == "create TEMP" ||
