@@ -1,12 +1,20 @@
-// device_writer: appends records to a file on the card until it is killed, and acknowledges each
-// record on a second console once the writer's own rule says it is kept.
+// device_writer: writes to a file on the card until it is killed, and acknowledges on a second
+// console what the writer's own rule says is kept.
 //
-//   device_writer file FILE CONSOLE     through drn::File with a put area, flushed after each
-//   record device_writer control FILE CONSOLE  plain write(2), never flushed or synced
+//   device_writer file FILE CONSOLE     appends records through drn::File with a put area,
+//                                       flushed after each record
+//   device_writer control FILE CONSOLE  appends records with plain write(2), never synced
+//   device_writer atomic FILE CONSOLE   replaces FILE's whole content through drn::AtomicFile,
+//                                       again and again, with versions of alternating sizes
+//   device_writer replace-control FILE CONSOLE
+//                                       the same versions by hand: a temporary file written,
+//                                       fsynced and renamed over FILE, the directory never synced
 //
-// Every byte's value is a function of its offset, so the host can check any prefix of the file.
-// An acknowledgement is one line "ACK OFFSET LENGTH CHECKSUM" (FNV-1a 64 of the record, hex),
-// written only after the record's flush (or, for the control writer, its write) returned.
+// A record's bytes are a function of their offset in the file, so the host can check any prefix.
+// A record's acknowledgement is one line "ACK OFFSET LENGTH CHECKSUM" (FNV-1a 64 of the record,
+// hex), written only after its flush (or, for the control writer, its write) returned. A
+// version's is "VERSION NUMBER LENGTH", written only after its Commit returned true; a version
+// is "version NUMBER\n" and then bytes that are a function of the number and their offset.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -20,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "AtomicFile.h"
 #include "File.h"
 #include "Path.h"
 
@@ -112,11 +121,52 @@ int RunControlWriter(const std::string& name, int console) {
   }
 }
 
+// Version number's content: small and large versions alternate, so that a replacement changes
+// the file's size and the clusters or blocks it takes.
+std::string MakeVersion(std::uint64_t number) {
+  std::string content = "version " + std::to_string(number) + "\n";
+  const std::size_t size = number % 2 == 0 ? 700 : 37000;
+  for (std::size_t i = content.size(); i < size; ++i) {
+    content += PatternByte(number * 1000003U + i);
+  }
+  return content;
+}
+
+int RunAtomicWriter(const std::string& name, int console) {
+  WriteLine(console, "START");
+  for (std::uint64_t number = 0;; ++number) {
+    const std::string content = MakeVersion(number);
+    drn::AtomicFile file(name);
+    file << content;
+    if (!file.Commit()) {
+      std::cerr << "device_writer: version " << number << " was not committed\n";
+      return 1;
+    }
+    WriteLine(console, "VERSION " + std::to_string(number) + " " + std::to_string(content.size()));
+  }
+}
+
+int RunReplaceControl(const std::string& name, int console) {
+  const std::string temporary = name + ".control";
+  WriteLine(console, "START");
+  for (std::uint64_t number = 0;; ++number) {
+    const std::string content = MakeVersion(number);
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 ||
+        ::write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+        ::fsync(fd) != 0 || ::close(fd) != 0 || ::rename(temporary.c_str(), name.c_str()) != 0) {
+      std::cerr << "device_writer: version " << number << ": " << std::strerror(errno) << '\n';
+      return 1;
+    }
+    WriteLine(console, "VERSION " + std::to_string(number) + " " + std::to_string(content.size()));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::cerr << "usage: device_writer file|control FILE CONSOLE\n";
+    std::cerr << "usage: device_writer file|control|atomic|replace-control FILE CONSOLE\n";
     return 2;
   }
   const std::string mode = argv[1];
@@ -130,6 +180,12 @@ int main(int argc, char** argv) {
   }
   if (mode == "control") {
     return RunControlWriter(argv[2], console);
+  }
+  if (mode == "atomic") {
+    return RunAtomicWriter(argv[2], console);
+  }
+  if (mode == "replace-control") {
+    return RunReplaceControl(argv[2], console);
   }
   std::cerr << "device_writer: unknown mode " << mode << '\n';
   return 2;

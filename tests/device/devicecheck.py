@@ -120,7 +120,7 @@ def suite_results(args):
 
 
 def pattern_byte(offset):
-    return ((offset * 2654435761) >> 16) & 0xFF
+    return (((offset * 2654435761) & 0xFFFFFFFFFFFFFFFF) >> 16) & 0xFF
 
 
 def fnv1a(data):
@@ -153,6 +153,39 @@ def check_acks(args):
             records += 1
     foreign = sum(1 for i, byte in enumerate(data) if byte != pattern_byte(i))
     print(f"acked={acked} lost={lost} records={records} foreign={foreign} size={len(data)}")
+
+
+def make_version(number):
+    header = f"version {number}\n".encode()
+    size = 700 if number % 2 == 0 else 37000
+    return header + bytes(pattern_byte(number * 1000003 + i) for i in range(len(header), size))
+
+
+def check_versions(args):
+    """Prints 'acked=A lost=L foreign=F version=V': the acknowledged replacements; 1 lost when the
+    file is not a complete version at least as new as the last acknowledged one (missing is
+    right only before the first); and the file's size as foreign bytes when it is no complete
+    version at all (a torn or mixed file)."""
+    acked, last = 0, -1
+    with open(args.acks, encoding="ascii", errors="replace") as ack_file:
+        for line in ack_file:
+            match = re.match(r"^VERSION (\d+) (\d+)$", line.strip())
+            if match:
+                if len(make_version(int(match[1]))) != int(match[2]):
+                    sys.exit(f"devicecheck: acknowledged version {match[1]} has another size")
+                acked, last = acked + 1, max(last, int(match[1]))
+    version, complete = "none", not os.path.exists(args.data)
+    size = 0
+    if not complete:
+        with open(args.data, "rb") as data_file:
+            data = data_file.read()
+        size = len(data)
+        match = re.match(rb"^version (\d+)\n", data)
+        if match and data == make_version(int(match[1])):
+            version, complete = int(match[1]), True
+    kept = complete and (last < 0 or (version != "none" and version >= last))
+    print(f"acked={acked} lost={0 if kept else 1} foreign={0 if complete else max(size, 1)}"
+          f" version={version} last={last}")
 
 
 def read_log(path):
@@ -216,6 +249,10 @@ def main():
     command.add_argument("acks")
     command.add_argument("data")
     command.set_defaults(run=check_acks)
+    command = commands.add_parser("versions")
+    command.add_argument("acks")
+    command.add_argument("data")
+    command.set_defaults(run=check_versions)
     command = commands.add_parser("flushes")
     command.add_argument("log")
     command.set_defaults(run=log_flushes)
