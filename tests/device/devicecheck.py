@@ -188,6 +188,46 @@ def check_versions(args):
           f" version={version} last={last}")
 
 
+# What fsck.fat -n may find on a card cut while a file grew or was replaced, none of it a loss of
+# data the writer was told was kept: clusters allocated beyond a file's size, clusters of a
+# replaced content not yet marked free, a stale free-cluster hint, a second FAT behind the first.
+FAT_LEFTOVERS = re.compile(
+    r"File size is \d+ bytes, cluster chain length is > \d+ bytes\.|Truncating file to \d+ bytes\."
+    r"|Free cluster summary wrong|FATs differ but appear to be intact|Using first FAT"
+    r"|Reclaimed \d+ unused clusters|Auto-correcting\.")
+# And on a temporary file of AtomicFile's cut while it was fsynced: FAT's fsync writes the file's
+# directory entry before the FAT, so the entry can name a cluster the FAT still shows free.
+TEMPORARY = re.compile(r"^/(.*/)?\.[^/]+\.[A-Za-z0-9]{6}$")
+TEMPORARY_DAMAGE = re.compile(
+    r"Contains a free cluster \(\d+\)\. Assuming EOF\."
+    r"|File size is \d+ bytes, cluster chain length is 0 bytes\.|Truncating file to 0 bytes\.")
+
+
+def fat_report(args):
+    """Prints 'leftovers=yes|no temporary=yes|no' for a fsck.fat -n report and fails, printing
+    them, when it holds findings of any other kind."""
+    leftovers = temporary = False
+    entry, unexplained = "", []
+    with open(args.report, encoding="utf-8", errors="replace") as report:
+        for line in report:
+            line = line.strip()
+            if (not line or line.startswith("fsck.fat ") or line == "Leaving filesystem unchanged."
+                    or re.match(r"^/.*: \d+ files, \d+/\d+ clusters$", line)):
+                continue
+            if line.startswith("/"):
+                entry = line
+            elif TEMPORARY.match(entry) and TEMPORARY_DAMAGE.fullmatch(line):
+                temporary = True
+            elif FAT_LEFTOVERS.match(line):
+                leftovers = True
+            else:
+                unexplained.append(f"{entry}: {line}" if entry else line)
+    print(f"leftovers={'yes' if leftovers else 'no'} temporary={'yes' if temporary else 'no'}")
+    for line in unexplained:
+        print(f"unexplained: {line}", file=sys.stderr)
+    return 1 if unexplained else 0
+
+
 def read_log(path):
     """Returns (sector size, [(sector, sectors, flags, data offset in the log)])."""
     with open(path, "rb") as log:
@@ -253,6 +293,9 @@ def main():
     command.add_argument("acks")
     command.add_argument("data")
     command.set_defaults(run=check_versions)
+    command = commands.add_parser("fatreport")
+    command.add_argument("report")
+    command.set_defaults(run=fat_report)
     command = commands.add_parser("flushes")
     command.add_argument("log")
     command.set_defaults(run=log_flushes)
