@@ -46,43 +46,6 @@ using testing::TempDir;
 // Phases an operation announces, so that an expectation can tell where a call was made.
 enum Phase : int { kOpen = 1, kUse, kFlush, kClose, kRead };
 
-// The errnos each function is failed with: those it really returns that a caller must survive.
-const std::map<Function, std::vector<int>>& Errnos() {
-  static const std::map<Function, std::vector<int>> errnos = {
-      {Function::access, {ENOENT, EACCES, EIO}},
-      {Function::chmod, {EPERM, EIO}},
-      {Function::clone, {EAGAIN, ENOMEM}},
-      {Function::close, {EIO, EINTR}},
-      {Function::closedir, {EIO}},
-      {Function::dup2, {EINTR, EMFILE, EBUSY}},
-      {Function::dup3, {EINTR, EMFILE, EBUSY}},
-      {Function::execvp, {ENOENT, EACCES, ENOMEM}},
-      {Function::fcntl, {EINVAL}},
-      {Function::fork, {EAGAIN, ENOMEM}},
-      {Function::fsync, {EIO, ENOSPC, EINTR}},
-      {Function::lseek, {EINVAL, EOVERFLOW}},
-      {Function::memfd_create, {EMFILE, ENOMEM}},
-      {Function::open, {EACCES, EMFILE, ENOSPC, EINTR, EIO}},
-      {Function::opendir, {EACCES, EMFILE, ENOMEM}},
-      {Function::pidfd_open, {EMFILE, ENOMEM}},
-      {Function::pipe2, {EMFILE, ENFILE}},
-      {Function::poll, {EINTR, ENOMEM}},
-      {Function::prctl, {EINVAL}},
-      {Function::read, {EIO, EINTR, EAGAIN}},
-      {Function::readdir, {EIO}},
-      {Function::remove, {EACCES, EIO, EBUSY}},
-      {Function::rename, {EACCES, EIO, ENOSPC}},
-      {Function::socketpair, {EMFILE, ENFILE}},
-      {Function::stat, {EACCES, EIO, ENOMEM}},
-      {Function::statfs, {EACCES, EIO, EINTR}},
-      {Function::syncfs, {EIO, ENOSPC}},
-      {Function::system, {EAGAIN, ENOMEM}},
-      {Function::waitpid, {EINTR, ECHILD}},
-      {Function::write, {EIO, ENOSPC, EINTR}},
-  };
-  return errnos;
-}
-
 // What one run of an operation showed.
 struct Outcome {
   std::string result;
@@ -782,40 +745,29 @@ Operation GetDirectorySize() {
           }};
 }
 
-// A statistics query of "/", whose only call is its statfs; record gives its failure record's
-// text for an errno.
-Operation StatisticsQuery(const std::string& name,
-                          const std::function<std::uint64_t(Directory&)>& query,
-                          const std::function<std::string(int)>& record) {
-  return {"Directory::" + name,
-          [query](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              out.result = query(*DirectoryOn("/")) > 0 ? "positive" : "0";
-            });
-          },
-          [name, record](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected = WithResult("0");
-            expected.records = {FileRecord(name, 3, record(point.error))};
-            return expected;
-          }};
-}
-
-Operation GetFileSystemUsedSize() {
-  return StatisticsQuery(
-      "GetFileSystemUsedSize",
-      [](Directory& directory) { return directory.GetFileSystemUsedSize(); },
-      [](int error) { return "failed to open path with " + std::to_string(error); });
-}
-
-Operation GetPercentageUsed() {
-  return StatisticsQuery(
-      "GetPercentageUsed",
-      [](Directory& directory) {
-        return static_cast<std::uint64_t>(directory.GetPercentageUsed());
+// GetFileSystemUsedSize or GetPercentageUsed of "/", whose only call is its statfs.
+Operation StatisticsQuery(bool percentage) {
+  const std::string name = percentage ? "GetPercentageUsed" : "GetFileSystemUsedSize";
+  return {
+      "Directory::" + name,
+      [percentage](const TempDir&) {
+        return Observe([&](Outcome& out) {
+          const auto directory = DirectoryOn("/");
+          const std::uint64_t value =
+              percentage ? static_cast<std::uint64_t>(directory->GetPercentageUsed())
+                         : directory->GetFileSystemUsedSize();
+          out.result = value > 0 ? "positive" : "0";
+        });
       },
-      [](int error) {
-        return "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")";
-      });
+      [name, percentage](const Point& point, const Outcome&, const TempDir&) {
+        const int error = point.error;
+        Expected expected = WithResult("0");
+        expected.records = {FileRecord(
+            name, 3,
+            percentage ? "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")"
+                       : "failed to open path with " + std::to_string(error))};
+        return expected;
+      }};
 }
 
 // --- Tar -------------------------------------------------------------------------------------
@@ -850,104 +802,41 @@ std::string Joined(const std::vector<std::string>& names) {
   return text;
 }
 
-// The runner's own outcome for a point among its calls, or nullopt when the run goes on as
-// usual. status is what the caller sees; records are the runner's.
+// What a point among a runner's calls does to a run: nothing (a retried EINTR or EAGAIN, a
+// missing pidfd or parent-death request, which the streaming runner does without), a failure of
+// the runner's own (its status and records, or the wait's exception, after which the child is
+// left for nobody to reap, as the contract has it), a failed close's record, or output that ends
+// early. TarApi reads a byte at a time and stops at a failed read, before that byte; after a
+// failed poll or read the streaming runner stops reading and closes its end, and tar, when it had
+// more to write, fails.
 struct RunnerFailure {
   int status = 0;
   std::vector<std::string> records;
   bool throws = false;
 };
 
-std::optional<RunnerFailure> RunnerFailureFor(const Point& point, const std::string& ranArgs) {
-  switch (point.function) {
-    case Function::pipe2:
-      return RunnerFailure{-point.error,
-                           {TarRecord("RunCmd", "failed to pipe: " + std::to_string(point.error))}};
-    case Function::fork:
-      return RunnerFailure{-point.error, {TarRecord("RunCmd", "Failed to fork: " + ranArgs)}};
-    case Function::dup2:
-    case Function::execvp:
-      return RunnerFailure{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
-    case Function::waitpid:
-      return RunnerFailure{
-          0, {TarRecord("RunCmd", "waitpid failure: " + Error(point.error))}, true};
-    default:
-      return std::nullopt;
-  }
-}
-
-// What a caller sees when the runner throws: its record and the exception; the child is left
-// for nobody to reap, as the contract has it.
-Expected Thrown(const RunnerFailure& failure) {
-  Expected expected;
-  expected.records = failure.records;
-  expected.exception = "runtime_error: waitpid failure";
-  expected.childMayRemain = true;
-  return expected;
-}
-
-Operation RunCmd() {
-  return {"TarApi::RunCmd",
-          [](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              std::vector<std::string> args = {"-tf", Archive()};
-              const auto [output, status] = TarApi().RunCmd(args);
-              out.result = output + "|" + std::to_string(status);
-              out.content = Joined(args);
-            });
-          },
-          [](const Point& point, const Outcome& baseline, const TempDir&) {
-            Expected expected;
-            const std::string output = baseline.result.substr(0, baseline.result.find('|'));
-            if (auto failure = RunnerFailureFor(point, "tar-tf" + Archive())) {
-              if (failure->throws) {
-                return Thrown(*failure);
-              }
-              expected.records = failure->records;
-              expected.result = "|" + std::to_string(failure->status);
-              // A failed pipe leaves the argument list as it was.
-              const std::string args =
-                  point.function == Function::pipe2 ? "-tf;" + Archive() + ";" : baseline.content;
-              expected.check = [args](const Outcome& got) {
-                return got.content == args ? std::string() : "argument list " + got.content;
-              };
-              return expected;
-            }
-            if (point.function == Function::read) {
-              // Reading stops at the first failure: the output is cut before that byte.
-              expected.result = output.substr(0, point.call - 1) + "|0";
-            } else if (point.function == Function::close) {
-              expected.result = baseline.result;
-              expected.records = {
-                  TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
-            }
-            return expected;
-          }};
-}
-
-// --- The streaming runner --------------------------------------------------------------------
-
-// What a point among StreamingTarApi's calls does to a run: nothing (a retried EINTR or EAGAIN,
-// a missing pidfd or parent-death request, which the runner does without), a failure of the
-// runner's own, a failed close's record, or output that may end early: after a failed poll or
-// read the runner stops reading and closes its end, and tar, when it had more to write, fails.
-struct StreamingEffect {
+struct RunnerEffect {
   std::optional<RunnerFailure> failure;
   std::vector<std::string> records;
-  bool cut = false;
+  std::optional<std::size_t> cutAt;  // TarApi's output ends before this byte
+  bool cut = false;                  // the streaming runner's output may end anywhere
   bool mayNotFire = false;
 };
 
-StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs, bool timed) {
-  StreamingEffect effect;
+RunnerEffect EffectOf(const Point& point, const std::string& ranArgs, bool streaming, bool timed) {
+  RunnerEffect effect;
   const int error = point.error;
   const RunnerFailure notStarted{-error, {TarRecord("RunCmd", "Failed to fork: " + ranArgs)}};
   const RunnerFailure notRun{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
+  const RunnerFailure waitFailed{
+      0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
+  const std::string closeFailed = "failed to close pipe: " + std::to_string(error);
   switch (point.function) {
     case Function::pipe2:
     case Function::fcntl:
       effect.failure = {-error, {TarRecord("RunCmd", "failed to pipe: " + std::to_string(error))}};
       break;
+    case Function::fork:
     case Function::socketpair:
       effect.failure = notStarted;
       break;
@@ -955,15 +844,18 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
       // The first makes the intermediate; the second, made by it, is tar's process.
       effect.failure = point.inPhase == 1 ? notStarted : notRun;
       break;
+    case Function::dup2:
     case Function::dup3:
     case Function::execvp:
       effect.failure = notRun;
       break;
     case Function::close:
-      // The pipe's two ends are closed with a record; the socket's, which carry no output,
-      // without.
-      if (point.inPhase == 2 || point.inPhase == 3) {
-        effect.records = {TarRecord("RunCmd", "failed to close pipe: " + std::to_string(error))};
+      // The streaming runner closes the pipe's two ends with a record, and the socket's, which
+      // carry no output, without.
+      if (!streaming) {
+        effect.records = {TarRecord("ClosePipe", closeFailed)};
+      } else if (point.inPhase == 2 || point.inPhase == 3) {
+        effect.records = {TarRecord("RunCmd", closeFailed)};
       }
       break;
     case Function::poll:
@@ -971,7 +863,9 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
       effect.mayNotFire = true;
       break;
     case Function::read:
-      if (point.inPhase == 1) {
+      if (!streaming) {
+        effect.cutAt = static_cast<std::size_t>(point.call - 1);
+      } else if (point.inPhase == 1) {
         // The byte that says tar runs: without it, nothing is known of tar, which is killed.
         if (error != EINTR) {
           effect.failure = notStarted;
@@ -983,14 +877,14 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
         effect.cut = error != EINTR;
         effect.mayNotFire = true;
         if (error != EINTR) {
-          effect.failure = {0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
+          effect.failure = waitFailed;
         }
       }
       break;
     case Function::waitpid:
       effect.mayNotFire = timed;
-      if (error == ECHILD) {
-        effect.failure = {0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
+      if (!streaming || error == ECHILD) {
+        effect.failure = waitFailed;
       }
       break;
     default:
@@ -999,13 +893,28 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
   return effect;
 }
 
+// What a caller sees when the runner throws: its record and the exception.
+Expected Thrown(const RunnerFailure& failure) {
+  Expected expected;
+  expected.records = failure.records;
+  expected.exception = "runtime_error: waitpid failure";
+  expected.childMayRemain = true;
+  return expected;
+}
+
+// Whether got is the failed wait that effect allows.
+bool WaitFailed(const Outcome& got, const RunnerEffect& effect) {
+  return effect.failure && effect.failure->throws &&
+         got.exception == "runtime_error: waitpid failure" &&
+         got.records == effect.failure->records;
+}
+
 // Whether got is what a run cut by a failed poll or read may give: output that begins the
 // whole output, with status 0 (unless tar fails anyway), or tar's failure (status 2) and its
 // record; or, for a read, a failed read of tar's status.
-std::string CutOutcome(const Outcome& got, const std::string& output, const StreamingEffect& effect,
+std::string CutOutcome(const Outcome& got, const std::string& output, const RunnerEffect& effect,
                        bool tarFails) {
-  if (effect.failure && effect.failure->throws &&
-      got.exception == "runtime_error: waitpid failure" && got.records == effect.failure->records) {
+  if (WaitFailed(got, effect)) {
     return std::string();
   }
   const std::size_t bar = got.result.rfind('|');
@@ -1019,36 +928,39 @@ std::string CutOutcome(const Outcome& got, const std::string& output, const Stre
       (tarFails && status == 0)) {
     return "output \"" + cut + "\" with status " + std::to_string(status);
   }
-  const std::string want =
-      status == 0 ? std::string() : TarRecord("RunCmd", "tar returned 2,\n" + cut) + "|";
-  std::string records;
-  for (const std::string& record : got.records) {
-    records += record + "|";
-  }
-  return records == want ? std::string() : "records " + records + ", want " + want;
+  const std::vector<std::string> want;
+  return got.records ==
+                 (status == 0
+                      ? want
+                      : std::vector<std::string>{TarRecord("RunCmd", "tar returned 2,\n" + cut)})
+             ? std::string()
+             : "records " + Joined(got.records);
 }
 
-// StreamingTarApi::RunCmd listing the archive, with or without a time-out; or listing a
-// missing archive, which tar fails with status 2 and the runner must never report otherwise.
-Operation StreamingRunCmd(bool timed, bool tarFails) {
+// TarApi::RunCmd, or StreamingTarApi::RunCmd with or without a time-out, listing the archive;
+// or the streaming runner listing a missing archive, which tar fails with status 2 and the
+// runner must never report otherwise.
+Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
   Operation operation{
-      std::string("StreamingTarApi::RunCmd") + (timed ? ", time-out" : "") +
-          (tarFails ? ", tar fails" : ""),
-      [timed, tarFails](const TempDir&) {
+      std::string(streaming ? "StreamingTarApi" : "TarApi") + "::RunCmd" +
+          (timed ? ", time-out" : "") + (tarFails ? ", tar fails" : ""),
+      [streaming, timed, tarFails](const TempDir&) {
         return Observe([&](Outcome& out) {
           std::vector<std::string> args = {"-tf", tarFails ? MissingArchive() : Archive()};
-          StreamingTarApi runner =
-              timed ? StreamingTarApi(std::chrono::seconds(10)) : StreamingTarApi();
+          const std::unique_ptr<TarApi> runner =
+              !streaming ? std::make_unique<TarApi>()
+              : timed    ? std::make_unique<StreamingTarApi>(std::chrono::seconds(10))
+                         : std::make_unique<StreamingTarApi>();
           SetPhase(kUse);
-          const auto [output, status] = runner.RunCmd(args);
+          const auto [output, status] = runner->RunCmd(args);
           out.result = output + "|" + std::to_string(status);
           out.content = Joined(args);
         });
       },
-      [timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&) {
+      [streaming, timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&) {
         const std::string archive = tarFails ? MissingArchive() : Archive();
         const std::string output = baseline.result.substr(0, baseline.result.find('|'));
-        const StreamingEffect effect = StreamingEffectOf(point, "tar-tf" + archive, timed);
+        const RunnerEffect effect = EffectOf(point, "tar-tf" + archive, streaming, timed);
         Expected expected;
         expected.mayNotFire = effect.mayNotFire;
         if (effect.cut || (effect.failure && effect.mayNotFire)) {
@@ -1063,7 +975,7 @@ Operation StreamingRunCmd(bool timed, bool tarFails) {
         if (effect.failure && effect.failure->throws) {
           return Thrown(*effect.failure);
         }
-        expected.result = baseline.result;
+        expected.result = effect.cutAt ? output.substr(0, *effect.cutAt) + "|0" : baseline.result;
         expected.records = effect.records;
         expected.records.insert(expected.records.end(), baseline.records.begin(),
                                 baseline.records.end());
@@ -1096,14 +1008,20 @@ std::optional<Expected> UntarConstructionFailure(const Point& point) {
   return std::nullopt;
 }
 
-// Untar::FileList through TarApi, or through StreamingTarApi when streaming is set.
+// An Untar on the shared archive, through TarApi, or through StreamingTarApi when streaming is
+// set.
+Untar UntarOf(bool streaming) {
+  return Untar(std::make_shared<Path>(Archive()),
+               streaming ? std::make_shared<StreamingTarApi>() : nullptr);
+}
+
+// Untar::FileList through either runner.
 Operation FileList(bool streaming) {
   return {std::string("Untar::FileList") + (streaming ? ", streaming" : ""),
           [streaming](const TempDir&) {
             return Observe([&](Outcome& out) {
               SetPhase(kOpen);
-              Untar untar(std::make_shared<Path>(Archive()),
-                          streaming ? std::make_shared<StreamingTarApi>() : nullptr);
+              Untar untar = UntarOf(streaming);
               SetPhase(kUse);
               out.result = Joined(untar.FileList());
             });
@@ -1112,9 +1030,7 @@ Operation FileList(bool streaming) {
             if (auto failure = UntarConstructionFailure(point)) {
               return *failure;
             }
-            const std::string ran = "tar-tf" + Archive();
-            const StreamingEffect effect =
-                streaming ? StreamingEffectOf(point, ran, false) : StreamingEffect{};
+            const RunnerEffect effect = EffectOf(point, "tar-tf" + Archive(), streaming, false);
             const std::string output = "one\ndir/\ndir/two\n";
             Expected expected;
             expected.mayNotFire = effect.mayNotFire;
@@ -1123,8 +1039,7 @@ Operation FileList(bool streaming) {
               // none and both records; or the wait's failure.
               expected.checkDecides = true;
               expected.check = [output, effect](const Outcome& got) {
-                if (effect.failure && got.exception == "runtime_error: waitpid failure" &&
-                    got.records == effect.failure->records) {
+                if (WaitFailed(got, effect)) {
                   return std::string();
                 }
                 for (std::size_t end = 0; end <= output.size(); ++end) {
@@ -1142,9 +1057,7 @@ Operation FileList(bool streaming) {
               };
               return expected;
             }
-            std::optional<RunnerFailure> failure =
-                streaming ? effect.failure : RunnerFailureFor(point, ran);
-            if (failure) {
+            if (const auto& failure = effect.failure) {
               if (failure->throws) {
                 return Thrown(*failure);
               }
@@ -1154,20 +1067,14 @@ Operation FileList(bool streaming) {
                   "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
               return expected;
             }
-            expected.result = baseline.result;
-            if (streaming) {
-              expected.records = effect.records;
-            } else if (point.function == Function::read) {
-              expected.result = Joined(Split(output.substr(0, point.call - 1)));
-            } else if (point.function == Function::close) {
-              expected.records = {
-                  TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
-            }
+            expected.result =
+                effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result;
+            expected.records = effect.records;
             return expected;
           }};
 }
 
-// Untar::Extract through TarApi, or through StreamingTarApi when streaming is set.
+// Untar::Extract through either runner.
 Operation Extract(bool streaming) {
   return {
       std::string("Untar::Extract") + (streaming ? ", streaming" : ""),
@@ -1175,8 +1082,7 @@ Operation Extract(bool streaming) {
         return Observe([&](Outcome& out) {
           const std::string destination = dir.MakeDir("out");
           SetPhase(kOpen);
-          Untar untar(std::make_shared<Path>(Archive()),
-                      streaming ? std::make_shared<StreamingTarApi>() : nullptr);
+          Untar untar = UntarOf(streaming);
           SetPhase(kUse);
           out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
           out.content = Joined(testing::ListTree(destination));
@@ -1192,23 +1098,19 @@ Operation Extract(bool streaming) {
             point.phase == kUse && ((point.function == Function::access && point.error == ENOENT) ||
                                     point.function == Function::opendir);
         const std::string args = "tar--warning=no-timestamp-xf" + Archive() + "-C" + destination;
-        const StreamingEffect effect =
-            streaming ? StreamingEffectOf(point, args, false) : StreamingEffect{};
-        std::optional<RunnerFailure> failure =
-            streaming ? effect.failure : RunnerFailureFor(point, args);
+        const RunnerEffect effect = EffectOf(point, args, streaming, false);
         expected.mayNotFire = effect.mayNotFire;
         if (effect.cut) {
           // tar writes nothing here, so a failed poll or read changes nothing; a failed read of
           // tar's status fails the wait.
           expected.checkDecides = true;
           const Outcome want = baseline;
-          expected.check = [want, failure](const Outcome& got) {
+          expected.check = [want, effect](const Outcome& got) {
             const bool asUsual = got.exception.empty() && got.records.empty() &&
                                  got.result == want.result && got.content == want.content;
-            const bool waitFailed = failure && got.exception == "runtime_error: waitpid failure" &&
-                                    got.records == failure->records;
-            return asUsual || waitFailed ? std::string()
-                                         : "outcome " + got.result + " " + got.exception;
+            return asUsual || WaitFailed(got, effect)
+                       ? std::string()
+                       : "outcome " + got.result + " " + got.exception;
           };
           return expected;
         }
@@ -1216,19 +1118,14 @@ Operation Extract(bool streaming) {
           expected.result = "-1";
           expected.records = {TarRecord(
               "DoExtract", "specified path is not an existing directory: " + destination)};
-        } else if (failure && failure->throws) {
-          return Thrown(*failure);
-        } else if (failure) {
-          expected.result = std::to_string(failure->status);
-          expected.records = failure->records;
+        } else if (effect.failure && effect.failure->throws) {
+          return Thrown(*effect.failure);
+        } else if (effect.failure) {
+          expected.result = std::to_string(effect.failure->status);
+          expected.records = effect.failure->records;
         } else {
           expected.result = baseline.result;
-          if (streaming) {
-            expected.records = effect.records;
-          } else if (point.function == Function::close) {
-            expected.records = {
-                TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
-          }
+          expected.records = effect.records;
         }
         const std::string tree = expected.result == baseline.result ? baseline.content : "";
         // tar, killed when whether it runs could not be read, may have extracted some entries.
@@ -1249,40 +1146,43 @@ Operation Extract(bool streaming) {
 
 // Every operation of the library that the sweep covers; adding one is adding an entry.
 std::vector<Operation> Operations() {
-  return {PathExists(),
-          PathIsDirectory(),
-          FileRead(0),
-          FileRead(4),
-          FileRead(64),
-          FileWrite(0, true),
-          FileWrite(4, true),
-          FileWrite(64, true),
-          FileWrite(4, false),
-          FileWrite(64, false),
-          FileReadWrite(),
-          FileInMemory(),
-          CreateOrRecreate(false),
-          CreateOrRecreate(true),
-          GetFileSize(),
-          AtomicReplace(true, 4, Ending::Commit),
-          AtomicReplace(false, 0, Ending::Commit),
-          AtomicReplace(true, 64, Ending::Commit),
-          AtomicReplace(true, 4, Ending::Cancel),
-          AtomicReplace(true, 4, Ending::Destroy),
-          CreateDirectory(false),
-          CreateDirectory(true),
-          EmptyDirectory(),
-          GetDirectorySize(),
-          GetFileSystemUsedSize(),
-          GetPercentageUsed(),
-          RunCmd(),
-          FileList(false),
-          Extract(false),
-          StreamingRunCmd(false, false),
-          StreamingRunCmd(true, false),
-          StreamingRunCmd(false, true),
-          FileList(true),
-          Extract(true)};
+  std::vector<Operation> operations = {PathExists(), PathIsDirectory()};
+  for (const std::uint32_t size : {0U, 4U, 64U}) {
+    operations.push_back(FileRead(size));
+  }
+  for (const std::uint32_t size : {0U, 4U, 64U}) {
+    operations.push_back(FileWrite(size, true));
+  }
+  for (const std::uint32_t size : {4U, 64U}) {
+    operations.push_back(FileWrite(size, false));
+  }
+  for (Operation operation : {FileReadWrite(),
+                              FileInMemory(),
+                              CreateOrRecreate(false),
+                              CreateOrRecreate(true),
+                              GetFileSize(),
+                              AtomicReplace(true, 4, Ending::Commit),
+                              AtomicReplace(false, 0, Ending::Commit),
+                              AtomicReplace(true, 64, Ending::Commit),
+                              AtomicReplace(true, 4, Ending::Cancel),
+                              AtomicReplace(true, 4, Ending::Destroy),
+                              CreateDirectory(false),
+                              CreateDirectory(true),
+                              EmptyDirectory(),
+                              GetDirectorySize(),
+                              StatisticsQuery(false),
+                              StatisticsQuery(true),
+                              RunCmd(false),
+                              FileList(false),
+                              Extract(false),
+                              RunCmd(true),
+                              RunCmd(true, true),
+                              RunCmd(true, false, true),
+                              FileList(true),
+                              Extract(true)}) {
+    operations.push_back(std::move(operation));
+  }
+  return operations;
 }
 
 // --- The harness -----------------------------------------------------------------------------
@@ -1450,7 +1350,7 @@ struct Summary {
 
 std::string ErrnoNames(Function function) {
   std::string names;
-  for (const int error : Errnos().at(function)) {
+  for (const int error : Errnos(function)) {
     names += (names.empty() ? "" : ", ") + std::string(strerrorname_np(error));
   }
   return names;
@@ -1530,14 +1430,12 @@ int Main(int argc, char** argv) {
       const long number = ++seen[call.function];
       const long inPhase = ++seenInPhase[{call.function, call.phase}];
       ++summary.callsByFunction[call.function];
-      const auto errnos = Errnos().find(call.function);
-      if (errnos == Errnos().end()) {
+      if (Errnos(call.function).empty()) {
         std::cout << "FAILED " << operation.name << ": no errnos listed for " << Name(call.function)
                   << "\n";
         ++failed;
-        continue;
       }
-      for (const int error : errnos->second) {
+      for (const int error : Errnos(call.function)) {
         const Point point{call.function, number, inPhase, call.phase, error};
         const std::string problems = RunPoint(operation, point, baseline);
         ++summary.points;
