@@ -465,10 +465,6 @@ std::string Entries(const std::string& directory) {
   return entries;
 }
 
-std::string AtomicRecord(const std::string& function, const std::string& text) {
-  return FileRecord(function, 3, text);
-}
-
 // Replaces a/f (holding kOriginal when existing is set, else missing) through an AtomicFile with
 // a buffer of bufferSize: writes kData in four pieces, then commits, cancels or is destroyed.
 // Output after Commit or Cancel must fail. content is a/ afterwards: the target and anything
@@ -530,7 +526,7 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                 "cannot give " + temporary + " the mode of " + target + ": "}}};
           const auto& [message, record] = failures.at(point.function);
           expected.exception = "ios_base::failure (iostream 1): " + message + ": iostream error";
-          expected.records = {AtomicRecord("Impl", record + Error(point.error))};
+          expected.records = {FileRecord("Impl", 3, record + Error(point.error))};
           expected.check = holds(before);
           return expected;
         }
@@ -565,11 +561,12 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
         expected.check = holds(commits ? after : before);
         if (step) {
           const auto& [what, inPlace] = *step;
-          expected.records = {AtomicRecord(
-              "Fail", "replacing " + target + " failed on " + what + ": " + Error(point.error) +
-                          (inPlace ? "; the new content is in place but its durability is not "
-                                     "confirmed"
-                                   : "; it keeps its old content"))};
+          expected.records = {
+              FileRecord("Fail", 3,
+                         "replacing " + target + " failed on " + what + ": " + Error(point.error) +
+                             (inPlace ? "; the new content is in place but its durability is not "
+                                        "confirmed"
+                                      : "; it keeps its old content"))};
           expected.check = holds(inPlace ? after : before);
           if (point.phase == kUse) {
             // The stream went bad at the write; a later Commit finds nothing to commit.
@@ -577,8 +574,8 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                               : ending == Ending::Cancel ? "bad, bad"
                                                          : "bad";
             if (commits) {
-              expected.records.push_back(AtomicRecord(
-                  "DoCommit",
+              expected.records.push_back(FileRecord(
+                  "DoCommit", 3,
                   "nothing to commit for " + target + ": already committed, cancelled or failed"));
             }
           } else {
@@ -586,8 +583,9 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           }
         } else if (point.function == Function::remove) {
           // Only a failed removal leaves the temporary file, and says so.
-          expected.records = {AtomicRecord("Discard", "cannot remove the temporary file " +
-                                                          temporary + ": " + Error(point.error))};
+          expected.records = {FileRecord(
+              "Discard", 3,
+              "cannot remove the temporary file " + temporary + ": " + Error(point.error))};
           // It holds a prefix of what was written: the bytes drained before the end.
           expected.check = [before](const Outcome& got) {
             const std::string left = ".f.XXXXXX=";
