@@ -316,23 +316,11 @@ DRX_CHILD_SAFE long syscall(long number, ...) noexcept {
     value = va_arg(arguments, long);
   }
   va_end(arguments);
-  Function function = Function::count;
-  switch (number) {
-    case SYS_dup3:
-      function = Function::dup3;
-      break;
-    case SYS_memfd_create:
-      function = Function::memfd_create;
-      break;
-    case SYS_pidfd_open:
-      function = Function::pidfd_open;
-      break;
-    case SYS_prctl:
-      function = Function::prctl;
-      break;
-    default:
-      break;
-  }
+  const Function function = number == SYS_dup3           ? Function::dup3
+                            : number == SYS_memfd_create ? Function::memfd_create
+                            : number == SYS_pidfd_open   ? Function::pidfd_open
+                            : number == SYS_prctl        ? Function::prctl
+                                                         : Function::count;
   return function != Function::count && Intercept(function, DRX_RETURN_ADDRESS)
              ? -1
              : next(number, values[0], values[1], values[2], values[3], values[4], values[5]);

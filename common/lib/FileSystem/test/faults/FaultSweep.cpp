@@ -88,6 +88,14 @@ Expected WithResult(std::string result) {
   return expected;
 }
 
+// A check that the operation left exactly want behind.
+std::function<std::string(const Outcome&)> Holds(std::string want) {
+  return [want = std::move(want)](const Outcome& got) {
+    return got.content == want ? std::string()
+                               : "left \"" + got.content + "\", want \"" + want + "\"";
+  };
+}
+
 struct Operation {
   std::string name;
   // Runs the operation in a scratch directory, noting what it returns in the outcome.
@@ -297,9 +305,7 @@ Operation FileWrite(std::uint32_t bufferSize, bool flush) {
           },
           [flush](const Point& point, const Outcome&, const TempDir& dir) {
             if (auto failure = OpenFailure(point, dir / "f")) {
-              failure->check = [](const Outcome& got) {
-                return got.content == kOriginal ? std::string() : "file changed: " + got.content;
-              };
+              failure->check = Holds(kOriginal);
               return *failure;
             }
             Expected expected;
@@ -435,9 +441,7 @@ Operation CreateOrRecreate(bool recreate) {
             }
             const std::string before = recreate ? kOriginal : "(missing)";
             const std::string want = failed ? before : "";
-            expected.check = [want](const Outcome& got) {
-              return got.content == want ? std::string() : "file holds " + got.content;
-            };
+            expected.check = Holds(want);
             return expected;
           }};
 }
@@ -507,11 +511,6 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
         const std::string directory = dir / "a/";
         const std::string before = existing ? "f=" + kOriginal + ";" : "";
         const std::string after = "f=" + kData + ";";
-        const auto holds = [](const std::string& want) {
-          return [want](const Outcome& got) {
-            return got.content == want ? std::string() : "a/ holds " + got.content;
-          };
-        };
         Expected expected;
         if (point.phase == kOpen) {
           // The constructor throws after its record and leaves nothing behind.
@@ -527,7 +526,7 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           const auto& [message, record] = failures.at(point.function);
           expected.exception = "ios_base::failure (iostream 1): " + message + ": iostream error";
           expected.records = {FileRecord("Impl", 3, record + Error(point.error))};
-          expected.check = holds(before);
+          expected.check = Holds(before);
           return expected;
         }
         const bool commits = ending == Ending::Commit;
@@ -558,7 +557,7 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                                       : ending == Ending::Cancel ? ", bad"
                                                                  : "";
         expected.result = "written" + endResult;
-        expected.check = holds(commits ? after : before);
+        expected.check = Holds(commits ? after : before);
         if (step) {
           const auto& [what, inPlace] = *step;
           expected.records = {
@@ -567,7 +566,7 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                              (inPlace ? "; the new content is in place but its durability is not "
                                         "confirmed"
                                       : "; it keeps its old content"))};
-          expected.check = holds(inPlace ? after : before);
+          expected.check = Holds(inPlace ? after : before);
           if (point.phase == kUse) {
             // The stream went bad at the write; a later Commit finds nothing to commit.
             expected.result = commits                    ? "bad, not committed, bad"
@@ -935,9 +934,7 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
           const bool noPipe =
               point.function == Function::pipe2 || point.function == Function::fcntl;
           const std::string args = noPipe ? "-tf;" + archive + ";" : baseline.content;
-          expected.check = [args](const Outcome& got) {
-            return got.content == args ? std::string() : "argument list " + got.content;
-          };
+          expected.check = Holds(args);
         }
         return expected;
       }};
