@@ -181,23 +181,6 @@ TEST_F(FileFailureTest, FlushFailingPartWayKeepsOnlyTheUnwrittenTail) {
               ElementsAre(FileRecord("Write", LogLevel::Error, "failed on write with ", EIO)));
 }
 
-// A failed syncfs fails a flush through its input side, which a write-only File does not have.
-TEST_F(FileFailureTest, FailedSyncfsFailsOnlyTheInputSide) {
-  const auto output = FileRecord("SyncOutput", LogLevel::Error, "failed on output sync with ", EIO);
-  const auto input = FileRecord("SyncInput", LogLevel::Error, "failed on input sync with ", EIO);
-  for (const bool readable : {true, false}) {
-    auto mock = MakeForwardingMock();
-    ON_CALL(*mock, DoSyncFs).WillByDefault(Fail(EIO, -1));
-    File file = Open(dir.WriteFile("f", ""), Buffers(8, 8, readable, true), std::move(mock));
-    const LogCapture flushRecords;
-    EXPECT_EQ((file << "line" << std::endl).bad(), readable);
-    EXPECT_EQ(Contents(file), "line\n");
-    EXPECT_THAT(flushRecords.Records(),
-                readable ? ::testing::Matcher<std::vector<LogRecord>>(ElementsAre(output, input))
-                         : ElementsAre(output));
-  }
-}
-
 TEST_F(FileFailureTest, ReadFailingAfterSomeBytesLeavesThemReadable) {
   EXPECT_CALL(calls, DoRead)
       .WillOnce([](int fd, void* buffer, unsigned long) { return ::read(fd, buffer, 3); })
@@ -209,26 +192,6 @@ TEST_F(FileFailureTest, ReadFailingAfterSomeBytesLeavesThemReadable) {
   EXPECT_THAT(capture.Records(), Contains(FileRecord("underflow", LogLevel::Error,
                                                      "failed on underflow read with ", EIO))
                                      .Times(2));
-}
-
-TEST_F(FileFailureTest, FailedPositioningAndCloseAreLoggedAndWriteNothing) {
-  ON_CALL(calls, DoLSeek).WillByDefault(Fail(ESPIPE, -1L));
-  ON_CALL(calls, DoClose).WillByDefault([](int fd) {
-    ::close(fd);
-    return Fail(EIO, -1)();
-  });
-  {
-    File file = OpenFile("0123456789", Buffers(4, 4));
-    EXPECT_EQ(file.get(), EOF);
-    file.clear();
-    EXPECT_TRUE((file << "ab" << std::flush).bad());
-  }
-  EXPECT_EQ(ReadWholeFile(dir / "f"), "0123456789");
-  EXPECT_THAT(capture.Records(),
-              ::testing::AllOf(
-                  Contains(FileRecord("SeekSet", LogLevel::Debug, "failed on lseek with ", ESPIPE)),
-                  Contains(FileRecord("~File", LogLevel::Error,
-                                      "failed on close with " + std::to_string(EIO)))));
 }
 
 // Operations the stream buffer only partly implements answer sensibly and say so.

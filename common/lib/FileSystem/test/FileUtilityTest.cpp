@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -46,20 +45,6 @@ TEST(FileUtilityTest, CreateKeepsAndRecreateEmptiesWhatExistsAndBothMakeWhatIsMi
   std::filesystem::create_symlink(dir / "kept", dir / "link");
   EXPECT_EQ(File::GetFileSize(dir / "link"), 8u);
   EXPECT_EQ(File::GetFileSize(dir / "missing"), 0u);
-}
-
-TEST(FileUtilityTest, FailuresAreLoggedAndReported) {
-  const TempDir dir;
-  const LogCapture capture;
-  EXPECT_FALSE(File::CreateFile(dir / "no/such"));
-  EXPECT_FALSE(File::RecreateFile(dir.Path()));  // a directory: EISDIR
-  const auto text = [](const std::string& path, int error) {
-    return "Could not open " + path + "(" + std::strerror(error) + ")";
-  };
-  EXPECT_THAT(capture.Records(),
-              ::testing::ElementsAre(
-                  FileRecord("CreateFile", LogLevel::Error, text(dir / "no/such", ENOENT)),
-                  FileRecord("RecreateFile", LogLevel::Error, text(dir.Path(), EISDIR))));
 }
 
 }  // namespace

@@ -84,32 +84,23 @@ TEST(PathTest, QueriesRealEntries) {
   EXPECT_EQ(errno, ENOTDIR);
 }
 
-TEST(PathTest, UnreadableDirectoryExistsButIsNoDirectory) {
+// Seen by an unprivileged user: a directory it may search but not read exists and is no
+// directory (errno from opendir), and entries below a directory it may not search exist, since
+// access fails with EACCES, which does not prove absence.
+TEST(PathTest, PermissionsThatHideADirectoryOrItsEntries) {
   const TempDir dir;
   if (testing::OnFat(dir.Path())) {
     GTEST_SKIP() << "FAT keeps no permission bits";
   }
   const std::string locked = dir.MakeDir("locked");
-  ASSERT_EQ(::chmod(locked.c_str(), 0311), 0);  // searchable, not readable
+  ASSERT_EQ(::chmod(locked.c_str(), 0311), 0);
+  dir.WriteFile("closed/inner", "x");
+  ASSERT_EQ(::chmod((dir / "closed").c_str(), 0600), 0);
   const int status = RunUnprivileged([&] {
     const Path path(locked);
-    return path.Exists() && !path.IsDirectory() && errno == EACCES;
-  });
-  EXPECT_EQ(status, 0);
-}
-
-TEST(PathTest, EntryBelowUnsearchableDirectoryExists) {
-  const TempDir dir;
-  if (testing::OnFat(dir.Path())) {
-    GTEST_SKIP() << "FAT keeps no permission bits";
-  }
-  dir.WriteFile("closed/inner", "x");
-  ASSERT_EQ(::chmod((dir / "closed").c_str(), 0600), 0);  // not searchable by others
-  const int status = RunUnprivileged([&] {
-    const Path inner(dir / "closed/inner");
-    const Path missing(dir / "closed/missing");
-    // access fails with EACCES, which does not prove absence.
-    return inner.Exists() && missing.Exists();
+    const bool unreadable = path.Exists() && !path.IsDirectory() && errno == EACCES;
+    return unreadable && Path(dir / "closed/inner").Exists() &&
+           Path(dir / "closed/missing").Exists();
   });
   EXPECT_EQ(status, 0);
 }

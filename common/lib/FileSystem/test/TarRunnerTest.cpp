@@ -3,14 +3,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstdio>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -61,38 +59,6 @@ TEST_P(TarRunnerTest, ChildKilledBySignalThrows) {
               ::testing::ThrowsMessage<std::runtime_error>("child process did not exit"));
   EXPECT_THAT(Described(log.Records()),
               ElementsAre("RunCmd 3/0x8027: child process did not exit: 9"));
-}
-
-TEST_P(TarRunnerTest, MissingTarGivesStatus255) {
-  const testing::FakeProgramDir nothing(testing::FakeProgramDir::Search::Only);
-  // TarApi's child leaves with exit(), which writes out the stdio buffers it inherited from this
-  // process; the test's own pending output must not count as the child's.
-  std::fflush(nullptr);
-  EXPECT_EQ(Make()->RunCmd(args), std::make_pair(std::string(), 255));
-  EXPECT_THAT(Described(log.Records()), ElementsAre("RunCmd 3/0x8027: tar returned 255,\n"));
-}
-
-TEST_P(TarRunnerTest, NoDescriptorLeftForThePipe) {
-  const std::shared_ptr<TarApi> runner = Make();
-  // The sanitizers' type check needs a pipe the first time it meets a record's stream; let it
-  // meet one here, while descriptors are left.
-  LogClient("", "", 0, LogLevel::Error, LogCategory::Tar) << 0;
-  EXPECT_EQ(testing::RunInChild([&] {
-              const testing::LogCapture childLog;
-              rlimit limit{};
-              ::getrlimit(RLIMIT_NOFILE, &limit);
-              const rlimit none{0, limit.rlim_max};
-              if (::setrlimit(RLIMIT_NOFILE, &none) != 0) {
-                return false;
-              }
-              const auto result = runner->RunCmd(args);
-              ::setrlimit(RLIMIT_NOFILE, &limit);
-              // Without a pipe the list stays as given.
-              return result == std::make_pair(std::string(), -EMFILE) &&
-                     args == Lines{"-tf", "an archive.tar"} &&
-                     Described(childLog.Records()) == Lines{"RunCmd 3/0x8027: failed to pipe: 24"};
-            }),
-            0);
 }
 
 // An exception while the argument vector is built (every allocation fails), or while the

@@ -135,14 +135,17 @@ Pointer Next(const char* name) {
 
 }  // namespace
 
+#define DRX_FAULT_NAME(name, ...) #name,
+#define DRX_FAULT_ERRNOS(name, ...) {__VA_ARGS__},
+
 const char* Name(Function function) {
-  static const char* const names[] = {
-      "access", "chmod",  "clone",  "close",  "closedir",     "dup2",   "dup3",    "execvp",
-      "fcntl",  "fork",   "fsync",  "lseek",  "memfd_create", "open",   "opendir", "pidfd_open",
-      "pipe2",  "poll",   "prctl",  "read",   "readdir",      "remove", "rename",  "socketpair",
-      "stat",   "statfs", "syncfs", "system", "waitpid",      "write"};
-  static_assert(sizeof(names) / sizeof(names[0]) == kFunctionCount);
+  static const char* const names[] = {DRX_FAULT_FUNCTIONS(DRX_FAULT_NAME)};
   return names[static_cast<std::size_t>(function)];
+}
+
+const std::vector<int>& Errnos(Function function) {
+  static const std::vector<int> errnos[] = {DRX_FAULT_FUNCTIONS(DRX_FAULT_ERRNOS)};
+  return errnos[static_cast<std::size_t>(function)];
 }
 
 void Reset() {
@@ -201,26 +204,74 @@ void Prepare() {
 
 }  // namespace drn::faults
 
-namespace {
-using drn::faults::Function;
-using drn::faults::Intercept;
-using drn::faults::Next;
-}  // namespace
-
 // Each definition below replaces the C library's for the whole process. A failing call returns
 // the function's failure value without doing anything, except close and closedir (see Arm).
 #define DRX_RETURN_ADDRESS __builtin_return_address(0)
 
-extern "C" {
+// Defines name with the given attributes, parameters and exception specification: it fails with
+// failure when Intercept says so, and otherwise calls the next definition with arguments.
+#define DRX_INTERPOSE(attributes, Result, name, parameters, specification, failure, arguments) \
+  attributes Result name parameters specification {                                            \
+    static const auto next = Next<Result(*) parameters>(#name);                                \
+    return Intercept(Function::name, DRX_RETURN_ADDRESS) ? failure : next arguments;           \
+  }
 
-int access(const char* path, int mode) {
-  static const auto next = Next<int (*)(const char*, int)>("access");
-  return Intercept(Function::access, DRX_RETURN_ADDRESS) ? -1 : next(path, mode);
+namespace {
+
+using drn::faults::Function;
+using drn::faults::Intercept;
+using drn::faults::Next;
+
+// close and closedir release their descriptor even when they report an error.
+template <typename Handle>
+int Releasing(Function function, const void* caller, int (*next)(Handle), Handle handle) {
+  if (!Intercept(function, caller)) {
+    return next(handle);
+  }
+  const int error = errno;
+  next(handle);
+  errno = error;
+  return -1;
 }
 
-int chmod(const char* path, mode_t mode) noexcept {
-  static const auto next = Next<int (*)(const char*, mode_t)>("chmod");
-  return Intercept(Function::chmod, DRX_RETURN_ADDRESS) ? -1 : next(path, mode);
+}  // namespace
+
+extern "C" {
+
+DRX_INTERPOSE(, int, access, (const char* path, int mode), , -1, (path, mode))
+DRX_INTERPOSE(, int, chmod, (const char* path, mode_t mode), noexcept, -1, (path, mode))
+DRX_INTERPOSE(, int, dup2, (int from, int to), , -1, (from, to))
+DRX_INTERPOSE(DRX_CHILD_SAFE, int, execvp, (const char* file, char* const argv[]), , -1,
+              (file, argv))
+DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
+DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
+DRX_INTERPOSE(, off_t, lseek, (int fd, off_t offset, int whence), , -1, (fd, offset, whence))
+DRX_INTERPOSE(, DIR*, opendir, (const char* path), , nullptr, (path))
+DRX_INTERPOSE(, int, pipe2, (int fds[2], int flags), , -1, (fds, flags))
+DRX_INTERPOSE(, int, poll, (pollfd * fds, nfds_t count, int timeout), , -1, (fds, count, timeout))
+DRX_INTERPOSE(, ssize_t, read, (int fd, void* buffer, size_t count), , -1, (fd, buffer, count))
+DRX_INTERPOSE(, dirent*, readdir, (DIR * dir), , nullptr, (dir))
+DRX_INTERPOSE(, int, remove, (const char* path), noexcept, -1, (path))
+DRX_INTERPOSE(, int, rename, (const char* from, const char* to), noexcept, -1, (from, to))
+DRX_INTERPOSE(, int, socketpair, (int domain, int type, int protocol, int fds[2]), noexcept, -1,
+              (domain, type, protocol, fds))
+DRX_INTERPOSE(, int, stat, (const char* path, struct stat* buffer), noexcept, -1, (path, buffer))
+DRX_INTERPOSE(, int, statfs, (const char* path, struct statfs* buffer), noexcept, -1,
+              (path, buffer))
+DRX_INTERPOSE(, int, syncfs, (int fd), noexcept, -1, (fd))
+DRX_INTERPOSE(, int, system, (const char* command), , -1, (command))
+DRX_INTERPOSE(, pid_t, waitpid, (pid_t pid, int* status, int options), , -1, (pid, status, options))
+DRX_INTERPOSE(, ssize_t, write, (int fd, const void* buffer, size_t count), , -1,
+              (fd, buffer, count))
+
+int close(int fd) {
+  static const auto next = Next<int (*)(int)>("close");
+  return Releasing(Function::close, DRX_RETURN_ADDRESS, next, fd);
+}
+
+int closedir(DIR* dir) {
+  static const auto next = Next<int (*)(DIR*)>("closedir");
+  return Releasing(Function::closedir, DRX_RETURN_ADDRESS, next, dir);
 }
 
 // glibc's clone, which the tar runner calls by this name; it runs in the runner's intermediate
@@ -233,38 +284,6 @@ DRX_CHILD_SAFE int __clone(int (*function)(void*), void* stack, int flags, void*
                                                         : next(function, stack, flags, argument);
 }
 
-int close(int fd) {
-  static const auto next = Next<int (*)(int)>("close");
-  if (Intercept(Function::close, DRX_RETURN_ADDRESS)) {
-    const int error = errno;
-    next(fd);
-    errno = error;
-    return -1;
-  }
-  return next(fd);
-}
-
-int closedir(DIR* dir) {
-  static const auto next = Next<int (*)(DIR*)>("closedir");
-  if (Intercept(Function::closedir, DRX_RETURN_ADDRESS)) {
-    const int error = errno;
-    next(dir);
-    errno = error;
-    return -1;
-  }
-  return next(dir);
-}
-
-int dup2(int from, int to) {
-  static const auto next = Next<int (*)(int, int)>("dup2");
-  return Intercept(Function::dup2, DRX_RETURN_ADDRESS) ? -1 : next(from, to);
-}
-
-DRX_CHILD_SAFE int execvp(const char* file, char* const argv[]) {
-  static const auto next = Next<int (*)(const char*, char* const[])>("execvp");
-  return Intercept(Function::execvp, DRX_RETURN_ADDRESS) ? -1 : next(file, argv);
-}
-
 int fcntl(int fd, int command, ...) {
   static const auto next = Next<int (*)(int, int, ...)>("fcntl");
   va_list arguments;
@@ -272,21 +291,6 @@ int fcntl(int fd, int command, ...) {
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
   return Intercept(Function::fcntl, DRX_RETURN_ADDRESS) ? -1 : next(fd, command, argument);
-}
-
-pid_t fork() {
-  static const auto next = Next<pid_t (*)()>("fork");
-  return Intercept(Function::fork, DRX_RETURN_ADDRESS) ? -1 : next();
-}
-
-int fsync(int fd) {
-  static const auto next = Next<int (*)(int)>("fsync");
-  return Intercept(Function::fsync, DRX_RETURN_ADDRESS) ? -1 : next(fd);
-}
-
-off_t lseek(int fd, off_t offset, int whence) {
-  static const auto next = Next<off_t (*)(int, off_t, int)>("lseek");
-  return Intercept(Function::lseek, DRX_RETURN_ADDRESS) ? -1 : next(fd, offset, whence);
 }
 
 int open(const char* path, int flags, ...) {
@@ -301,62 +305,6 @@ int open(const char* path, int flags, ...) {
   return Intercept(Function::open, DRX_RETURN_ADDRESS) ? -1 : next(path, flags, mode);
 }
 
-DIR* opendir(const char* path) {
-  static const auto next = Next<DIR* (*)(const char*)>("opendir");
-  return Intercept(Function::opendir, DRX_RETURN_ADDRESS) ? nullptr : next(path);
-}
-
-int pipe2(int fds[2], int flags) {
-  static const auto next = Next<int (*)(int[2], int)>("pipe2");
-  return Intercept(Function::pipe2, DRX_RETURN_ADDRESS) ? -1 : next(fds, flags);
-}
-
-int poll(pollfd* fds, nfds_t count, int timeout) {
-  static const auto next = Next<int (*)(pollfd*, nfds_t, int)>("poll");
-  return Intercept(Function::poll, DRX_RETURN_ADDRESS) ? -1 : next(fds, count, timeout);
-}
-
-ssize_t read(int fd, void* buffer, size_t count) {
-  static const auto next = Next<ssize_t (*)(int, void*, size_t)>("read");
-  return Intercept(Function::read, DRX_RETURN_ADDRESS) ? -1 : next(fd, buffer, count);
-}
-
-dirent* readdir(DIR* dir) {
-  static const auto next = Next<dirent* (*)(DIR*)>("readdir");
-  return Intercept(Function::readdir, DRX_RETURN_ADDRESS) ? nullptr : next(dir);
-}
-
-int remove(const char* path) noexcept {
-  static const auto next = Next<int (*)(const char*)>("remove");
-  return Intercept(Function::remove, DRX_RETURN_ADDRESS) ? -1 : next(path);
-}
-
-int rename(const char* from, const char* to) noexcept {
-  static const auto next = Next<int (*)(const char*, const char*)>("rename");
-  return Intercept(Function::rename, DRX_RETURN_ADDRESS) ? -1 : next(from, to);
-}
-
-int socketpair(int domain, int type, int protocol, int fds[2]) noexcept {
-  static const auto next = Next<int (*)(int, int, int, int[2])>("socketpair");
-  return Intercept(Function::socketpair, DRX_RETURN_ADDRESS) ? -1
-                                                             : next(domain, type, protocol, fds);
-}
-
-int stat(const char* path, struct stat* buffer) noexcept {
-  static const auto next = Next<int (*)(const char*, struct stat*)>("stat");
-  return Intercept(Function::stat, DRX_RETURN_ADDRESS) ? -1 : next(path, buffer);
-}
-
-int statfs(const char* path, struct statfs* buffer) noexcept {
-  static const auto next = Next<int (*)(const char*, struct statfs*)>("statfs");
-  return Intercept(Function::statfs, DRX_RETURN_ADDRESS) ? -1 : next(path, buffer);
-}
-
-int syncfs(int fd) noexcept {
-  static const auto next = Next<int (*)(int)>("syncfs");
-  return Intercept(Function::syncfs, DRX_RETURN_ADDRESS) ? -1 : next(fd);
-}
-
 // The system calls the library makes by number are counted under their own names; the others
 // (the runner's intermediate waiting for tar, whose number of calls depends on timing) pass.
 DRX_CHILD_SAFE long syscall(long number, ...) noexcept {
@@ -368,41 +316,14 @@ DRX_CHILD_SAFE long syscall(long number, ...) noexcept {
     value = va_arg(arguments, long);
   }
   va_end(arguments);
-  Function function = Function::count;
-  switch (number) {
-    case SYS_dup3:
-      function = Function::dup3;
-      break;
-    case SYS_memfd_create:
-      function = Function::memfd_create;
-      break;
-    case SYS_pidfd_open:
-      function = Function::pidfd_open;
-      break;
-    case SYS_prctl:
-      function = Function::prctl;
-      break;
-    default:
-      break;
-  }
+  const Function function = number == SYS_dup3           ? Function::dup3
+                            : number == SYS_memfd_create ? Function::memfd_create
+                            : number == SYS_pidfd_open   ? Function::pidfd_open
+                            : number == SYS_prctl        ? Function::prctl
+                                                         : Function::count;
   return function != Function::count && Intercept(function, DRX_RETURN_ADDRESS)
              ? -1
              : next(number, values[0], values[1], values[2], values[3], values[4], values[5]);
-}
-
-int system(const char* command) {
-  static const auto next = Next<int (*)(const char*)>("system");
-  return Intercept(Function::system, DRX_RETURN_ADDRESS) ? -1 : next(command);
-}
-
-pid_t waitpid(pid_t pid, int* status, int options) {
-  static const auto next = Next<pid_t (*)(pid_t, int*, int)>("waitpid");
-  return Intercept(Function::waitpid, DRX_RETURN_ADDRESS) ? -1 : next(pid, status, options);
-}
-
-ssize_t write(int fd, const void* buffer, size_t count) {
-  static const auto next = Next<ssize_t (*)(int, const void*, size_t)>("write");
-  return Intercept(Function::write, DRX_RETURN_ADDRESS) ? -1 : next(fd, buffer, count);
 }
 
 }  // extern "C"

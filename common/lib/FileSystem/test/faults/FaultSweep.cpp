@@ -28,6 +28,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "../FileTestSupport.h"
 #include "AtomicFile.h"
 #include "Directory.h"
 #include "FaultInjector.h"
@@ -45,43 +46,6 @@ using testing::TempDir;
 
 // Phases an operation announces, so that an expectation can tell where a call was made.
 enum Phase : int { kOpen = 1, kUse, kFlush, kClose, kRead };
-
-// The errnos each function is failed with: those it really returns that a caller must survive.
-const std::map<Function, std::vector<int>>& Errnos() {
-  static const std::map<Function, std::vector<int>> errnos = {
-      {Function::access, {ENOENT, EACCES, EIO}},
-      {Function::chmod, {EPERM, EIO}},
-      {Function::clone, {EAGAIN, ENOMEM}},
-      {Function::close, {EIO, EINTR}},
-      {Function::closedir, {EIO}},
-      {Function::dup2, {EINTR, EMFILE, EBUSY}},
-      {Function::dup3, {EINTR, EMFILE, EBUSY}},
-      {Function::execvp, {ENOENT, EACCES, ENOMEM}},
-      {Function::fcntl, {EINVAL}},
-      {Function::fork, {EAGAIN, ENOMEM}},
-      {Function::fsync, {EIO, ENOSPC, EINTR}},
-      {Function::lseek, {EINVAL, EOVERFLOW}},
-      {Function::memfd_create, {EMFILE, ENOMEM}},
-      {Function::open, {EACCES, EMFILE, ENOSPC, EINTR, EIO}},
-      {Function::opendir, {EACCES, EMFILE, ENOMEM}},
-      {Function::pidfd_open, {EMFILE, ENOMEM}},
-      {Function::pipe2, {EMFILE, ENFILE}},
-      {Function::poll, {EINTR, ENOMEM}},
-      {Function::prctl, {EINVAL}},
-      {Function::read, {EIO, EINTR, EAGAIN}},
-      {Function::readdir, {EIO}},
-      {Function::remove, {EACCES, EIO, EBUSY}},
-      {Function::rename, {EACCES, EIO, ENOSPC}},
-      {Function::socketpair, {EMFILE, ENFILE}},
-      {Function::stat, {EACCES, EIO, ENOMEM}},
-      {Function::statfs, {EACCES, EIO, EINTR}},
-      {Function::syncfs, {EIO, ENOSPC}},
-      {Function::system, {EAGAIN, ENOMEM}},
-      {Function::waitpid, {EINTR, ECHILD}},
-      {Function::write, {EIO, ENOSPC, EINTR}},
-  };
-  return errnos;
-}
 
 // What one run of an operation showed.
 struct Outcome {
@@ -124,10 +88,21 @@ Expected WithResult(std::string result) {
   return expected;
 }
 
+// A check that the operation left exactly want behind.
+std::function<std::string(const Outcome&)> Holds(std::string want) {
+  return [want = std::move(want)](const Outcome& got) {
+    return got.content == want ? std::string()
+                               : "left \"" + got.content + "\", want \"" + want + "\"";
+  };
+}
+
 struct Operation {
   std::string name;
-  std::function<Outcome(const TempDir&)> run;
+  // Runs the operation in a scratch directory, noting what it returns in the outcome.
+  std::function<void(const TempDir&, Outcome&)> run;
   std::function<Expected(const Point&, const Outcome& baseline, const TempDir&)> expect;
+  // What the operation left in the scratch directory, taken after the run, even one that threw.
+  std::function<std::string(const TempDir&)> content = nullptr;
   // The run without faults writes records of a failure (but throws nothing).
   bool failsWithoutFaults = false;
 };
@@ -153,14 +128,21 @@ bool& LoggingOff() {
   return off;
 }
 
-// Runs body with every record captured (none while logging is off), and turns what it returned
-// or threw into an Outcome.
-Outcome Observe(const std::function<void(Outcome&)>& body) {
+// The temporary file's random suffix, replaced by a fixed one so that records and listings can
+// be compared.
+std::string WithFixedSuffix(const std::string& text) {
+  static const std::regex suffix(R"(/\.f\.[A-Za-z0-9]{6})");
+  return std::regex_replace(text, suffix, "/.f.XXXXXX");
+}
+
+// Runs the operation with every record captured (none while logging is off), and turns what it
+// returned or threw into an Outcome.
+Outcome Observe(const Operation& operation, const TempDir& dir) {
   Outcome outcome;
   const bool off = LoggingOff();
   const testing::LogCapture log([off](LogLevel) { return !off; });
   try {
-    body(outcome);
+    operation.run(dir, outcome);
   } catch (const std::ios_base::failure& error) {
     // The error code is part of what the contract fixes: the default one, iostream's 1.
     outcome.exception = std::string("ios_base::failure (") + error.code().category().name() + " " +
@@ -172,45 +154,30 @@ Outcome Observe(const std::function<void(Outcome&)>& body) {
                                                                       : "other";
     outcome.exception = std::string(type) + ": " + error.what();
   }
-  outcome.records = testing::Described(log.Records());
+  if (operation.content) {
+    outcome.content = operation.content(dir);
+  }
+  for (const std::string& record : testing::Described(log.Records())) {
+    outcome.records.push_back(WithFixedSuffix(record));
+  }
   return outcome;
 }
 
 // --- Paths -----------------------------------------------------------------------------------
 
-Operation PathExists() {
-  return {"Path::Exists",
-          [](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const Path path(dir.WriteFile("f", "x"));
-              out.result = path.Exists() ? "true" : "false";
-              out.errorAfter = errno;
-            });
+// Path::Exists on a file, or Path::IsDirectory on a directory.
+Operation PathQuery(bool directory) {
+  return {directory ? "Path::IsDirectory" : "Path::Exists",
+          [directory](const TempDir& dir, Outcome& out) {
+            const Path path(directory ? dir.MakeDir("d") : dir.WriteFile("f", "x"));
+            out.result = (directory ? path.IsDirectory() : path.Exists()) ? "true" : "false";
+            out.errorAfter = errno;
           },
-          [](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected;
-            expected.result = point.error == ENOENT ? "false" : "true";
-            expected.errorAfter = 0;
-            return expected;
-          }};
-}
-
-Operation PathIsDirectory() {
-  return {"Path::IsDirectory",
-          [](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const Path path(dir.MakeDir("d"));
-              out.result = path.IsDirectory() ? "true" : "false";
-              out.errorAfter = errno;
-            });
-          },
-          [](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected;
-            const bool fails = (point.function == Function::access && point.error == ENOENT) ||
-                               point.function == Function::opendir;
-            expected.result = fails ? "false" : "true";
-            if (point.function == Function::opendir) {
-              expected.errorAfter = point.error;
+          [directory](const Point& point, const Outcome&, const TempDir&) {
+            const bool opendir = point.function == Function::opendir;
+            Expected expected = WithResult(point.error == ENOENT || opendir ? "false" : "true");
+            if (!directory || opendir) {
+              expected.errorAfter = opendir ? point.error : 0;
             }
             return expected;
           }};
@@ -220,6 +187,10 @@ Operation PathIsDirectory() {
 
 const std::string kOriginal = "abcdefghijklmnop";
 const std::string kData = "0123456789A";
+
+std::string FileContent(const TempDir& dir) {
+  return testing::ReadWholeFile(dir / "f");
+}
 
 // What opening a File on an existing path gives when the point is among the opening calls;
 // nullopt when the open goes on as usual.
@@ -266,33 +237,27 @@ std::vector<std::string> StreamRecords(const Point& point, bool readSide) {
 
 File::Options Options(const PathIF* path, std::uint32_t readSize, std::uint32_t writeSize,
                       bool forRead, bool forWrite) {
-  File::Options options;
+  File::Options options = testing::Buffers(readSize, writeSize, forRead, forWrite);
   options.path = path;
   options.inMemory = path == nullptr;
-  options.readBufferSize = readSize;
-  options.writeBufferSize = writeSize;
-  options.openForRead = forRead;
-  options.openForWrite = forWrite;
   return options;
 }
 
 // Reads the whole file through a File with a get area of bufferSize, a character at a time.
 Operation FileRead(std::uint32_t bufferSize) {
   return {"File read, get area " + std::to_string(bufferSize),
-          [bufferSize](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const Path path(dir.WriteFile("f", kOriginal));
-              SetPhase(kOpen);
-              auto file = std::make_unique<File>(Options(&path, bufferSize, 0, true, false));
-              SetPhase(kUse);
-              std::streambuf& buffer = *file;
-              for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
-                out.result += static_cast<char>(c);
-                buffer.sbumpc();
-              }
-              SetPhase(kClose);
-              file.reset();
-            });
+          [bufferSize](const TempDir& dir, Outcome& out) {
+            const Path path(dir.WriteFile("f", kOriginal));
+            SetPhase(kOpen);
+            auto file = std::make_unique<File>(Options(&path, bufferSize, 0, true, false));
+            SetPhase(kUse);
+            std::streambuf& buffer = *file;
+            for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
+              out.result += static_cast<char>(c);
+              buffer.sbumpc();
+            }
+            SetPhase(kClose);
+            file.reset();
           },
           [](const Point& point, const Outcome&, const TempDir& dir) {
             if (auto failure = OpenFailure(point, dir / "f")) {
@@ -320,37 +285,27 @@ Operation FileRead(std::uint32_t bufferSize) {
 // held.
 Operation FileWrite(std::uint32_t bufferSize, bool flush) {
   return {"File write, put area " + std::to_string(bufferSize) + (flush ? ", flushed" : ""),
-          [bufferSize, flush](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const std::string name = dir.WriteFile("f", kOriginal);
-              const Path path(name);
-              SetPhase(kOpen);
-              try {
-                auto file = std::make_unique<File>(Options(&path, 0, bufferSize, false, true));
-                SetPhase(kUse);
-                std::streambuf& buffer = *file;
-                const std::streamsize accepted =
-                    buffer.sputn(kData.data(), static_cast<std::streamsize>(kData.size()));
-                out.result = "accepted " + std::to_string(accepted);
-                if (flush) {
-                  SetPhase(kFlush);
-                  out.result += buffer.pubsync() == 0 ? ", flushed" : ", flush failed";
-                }
-                out.contentBefore = testing::ReadWholeFile(name);
-                SetPhase(kClose);
-                file.reset();
-              } catch (...) {
-                out.content = testing::ReadWholeFile(name);
-                throw;
-              }
-              out.content = testing::ReadWholeFile(name);
-            });
+          [bufferSize, flush](const TempDir& dir, Outcome& out) {
+            const std::string name = dir.WriteFile("f", kOriginal);
+            const Path path(name);
+            SetPhase(kOpen);
+            auto file = std::make_unique<File>(Options(&path, 0, bufferSize, false, true));
+            SetPhase(kUse);
+            std::streambuf& buffer = *file;
+            const std::streamsize accepted =
+                buffer.sputn(kData.data(), static_cast<std::streamsize>(kData.size()));
+            out.result = "accepted " + std::to_string(accepted);
+            if (flush) {
+              SetPhase(kFlush);
+              out.result += buffer.pubsync() == 0 ? ", flushed" : ", flush failed";
+            }
+            out.contentBefore = testing::ReadWholeFile(name);
+            SetPhase(kClose);
+            file.reset();
           },
           [flush](const Point& point, const Outcome&, const TempDir& dir) {
             if (auto failure = OpenFailure(point, dir / "f")) {
-              failure->check = [](const Outcome& got) {
-                return got.content == kOriginal ? std::string() : "file changed: " + got.content;
-              };
+              failure->check = Holds(kOriginal);
               return *failure;
             }
             Expected expected;
@@ -376,33 +331,31 @@ Operation FileWrite(std::uint32_t bufferSize, bool flush) {
                                          : "file holds " + got.content + ", want " + want;
             };
             return expected;
-          }};
+          },
+          FileContent};
 }
 
 // Over a File open for reading and writing with areas of 4: writes "012", flushes (which writes,
 // then reloads the get area from the file), reads everything, and destroys the File.
 Operation FileReadWrite() {
   return {"File read and write, flushed",
-          [](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const std::string name = dir.WriteFile("f", kOriginal);
-              const Path path(name);
-              SetPhase(kOpen);
-              auto file = std::make_unique<File>(Options(&path, 4, 4, true, true));
-              std::streambuf& buffer = *file;
-              SetPhase(kUse);
-              buffer.sputn(kData.data(), 3);
-              SetPhase(kFlush);
-              out.result = buffer.pubsync() == 0 ? "flushed" : "flush failed";
-              SetPhase(kRead);
-              for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
-                out.contentBefore += static_cast<char>(c);
-                buffer.sbumpc();
-              }
-              SetPhase(kClose);
-              file.reset();
-              out.content = testing::ReadWholeFile(name);
-            });
+          [](const TempDir& dir, Outcome& out) {
+            const std::string name = dir.WriteFile("f", kOriginal);
+            const Path path(name);
+            SetPhase(kOpen);
+            auto file = std::make_unique<File>(Options(&path, 4, 4, true, true));
+            std::streambuf& buffer = *file;
+            SetPhase(kUse);
+            buffer.sputn(kData.data(), 3);
+            SetPhase(kFlush);
+            out.result = buffer.pubsync() == 0 ? "flushed" : "flush failed";
+            SetPhase(kRead);
+            for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
+              out.contentBefore += static_cast<char>(c);
+              buffer.sbumpc();
+            }
+            SetPhase(kClose);
+            file.reset();
           },
           [](const Point& point, const Outcome&, const TempDir& dir) {
             if (auto failure = OpenFailure(point, dir / "f")) {
@@ -436,21 +389,20 @@ Operation FileReadWrite() {
               return std::string();
             };
             return expected;
-          }};
+          },
+          FileContent};
 }
 
 Operation FileInMemory() {
   return {"File in memory",
-          [](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              SetPhase(kOpen);
-              auto file = std::make_unique<File>(Options(nullptr, 4, 8, true, true));
-              SetPhase(kUse);
-              std::streambuf& buffer = *file;
-              out.result = std::to_string(buffer.sputn("hello", 5));
-              SetPhase(kClose);
-              file.reset();
-            });
+          [](const TempDir&, Outcome& out) {
+            SetPhase(kOpen);
+            auto file = std::make_unique<File>(Options(nullptr, 4, 8, true, true));
+            SetPhase(kUse);
+            std::streambuf& buffer = *file;
+            out.result = std::to_string(buffer.sputn("hello", 5));
+            SetPhase(kClose);
+            file.reset();
           },
           [](const Point& point, const Outcome&, const TempDir&) {
             Expected expected;
@@ -471,14 +423,12 @@ Operation FileInMemory() {
 Operation CreateOrRecreate(bool recreate) {
   const std::string function = recreate ? "RecreateFile" : "CreateFile";
   return {"File::" + function,
-          [recreate](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const std::string name = recreate ? dir.WriteFile("f", kOriginal) : dir / "new";
-              out.result =
-                  (recreate ? File::RecreateFile(name) : File::CreateFile(name)) ? "true" : "false";
-              std::ifstream in(name);
-              out.content = in ? testing::ReadWholeFile(name) : "(missing)";
-            });
+          [recreate](const TempDir& dir, Outcome& out) {
+            const std::string name = recreate ? dir.WriteFile("f", kOriginal) : dir / "new";
+            out.result =
+                (recreate ? File::RecreateFile(name) : File::CreateFile(name)) ? "true" : "false";
+            std::ifstream in(name);
+            out.content = in ? testing::ReadWholeFile(name) : "(missing)";
           },
           [recreate, function](const Point& point, const Outcome&, const TempDir& dir) {
             Expected expected;
@@ -491,19 +441,15 @@ Operation CreateOrRecreate(bool recreate) {
             }
             const std::string before = recreate ? kOriginal : "(missing)";
             const std::string want = failed ? before : "";
-            expected.check = [want](const Outcome& got) {
-              return got.content == want ? std::string() : "file holds " + got.content;
-            };
+            expected.check = Holds(want);
             return expected;
           }};
 }
 
 Operation GetFileSize() {
   return {"File::GetFileSize",
-          [](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              out.result = std::to_string(File::GetFileSize(dir.WriteFile("f", kOriginal)));
-            });
+          [](const TempDir& dir, Outcome& out) {
+            out.result = std::to_string(File::GetFileSize(dir.WriteFile("f", kOriginal)));
           },
           [](const Point&, const Outcome&, const TempDir&) { return WithResult("0"); }};
 }
@@ -513,13 +459,6 @@ Operation GetFileSize() {
 // How a replacement ends.
 enum class Ending { Commit, Cancel, Destroy };
 
-// The temporary file's random suffix, replaced by a fixed one so that records and listings can
-// be compared.
-std::string WithFixedSuffix(const std::string& text) {
-  static const std::regex suffix(R"(/\.f\.[A-Za-z0-9]{6})");
-  return std::regex_replace(text, suffix, "/.f.XXXXXX");
-}
-
 // Every entry of directory as "name=content;", in name order.
 std::string Entries(const std::string& directory) {
   std::string entries;
@@ -528,10 +467,6 @@ std::string Entries(const std::string& directory) {
                testing::ReadWholeFile(directory + "/" + name) + ";";
   }
   return entries;
-}
-
-std::string AtomicRecord(const std::string& function, const std::string& text) {
-  return FileRecord(function, 3, text);
 }
 
 // Replaces a/f (holding kOriginal when existing is set, else missing) through an AtomicFile with
@@ -545,42 +480,30 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                      std::to_string(bufferSize);
   return {
       name,
-      [existing, bufferSize, ending](const TempDir& dir) {
-        const std::string directory = dir.MakeDir("a");
+      [existing, bufferSize, ending](const TempDir& dir, Outcome& out) {
+        dir.MakeDir("a");
         const std::string target = existing ? dir.WriteFile("a/f", kOriginal) : dir / "a/f";
-        Outcome outcome = Observe([&](Outcome& out) {
-          SetPhase(kOpen);
-          try {
-            auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
-            SetPhase(kUse);
-            // A put that finds a buffer of 4 full, then pieces that fit and that do not.
-            *file << "0123";
-            file->put('4');
-            *file << "567";
-            *file << "89A";
-            out.result = file->good() ? "written" : "bad";
-            SetPhase(kFlush);
-            if (ending == Ending::Commit) {
-              out.result += file->Commit() ? ", committed" : ", not committed";
-            } else if (ending == Ending::Cancel) {
-              file->Cancel();
-            }
-            if (ending != Ending::Destroy) {
-              *file << 'x';
-              out.result += file->bad() ? ", bad" : ", good";
-            }
-            SetPhase(kClose);
-            file.reset();
-          } catch (...) {
-            out.content = Entries(directory);
-            throw;
-          }
-          out.content = Entries(directory);
-        });
-        for (std::string& record : outcome.records) {
-          record = WithFixedSuffix(record);
+        SetPhase(kOpen);
+        auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
+        SetPhase(kUse);
+        // A put that finds a buffer of 4 full, then pieces that fit and that do not.
+        *file << "0123";
+        file->put('4');
+        *file << "567";
+        *file << "89A";
+        out.result = file->good() ? "written" : "bad";
+        SetPhase(kFlush);
+        if (ending == Ending::Commit) {
+          out.result += file->Commit() ? ", committed" : ", not committed";
+        } else if (ending == Ending::Cancel) {
+          file->Cancel();
         }
-        return outcome;
+        if (ending != Ending::Destroy) {
+          *file << 'x';
+          out.result += file->bad() ? ", bad" : ", good";
+        }
+        SetPhase(kClose);
+        file.reset();
       },
       [existing, ending](const Point& point, const Outcome&, const TempDir& dir) {
         const std::string target = dir / "a/f";
@@ -588,11 +511,6 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
         const std::string directory = dir / "a/";
         const std::string before = existing ? "f=" + kOriginal + ";" : "";
         const std::string after = "f=" + kData + ";";
-        const auto holds = [](const std::string& want) {
-          return [want](const Outcome& got) {
-            return got.content == want ? std::string() : "a/ holds " + got.content;
-          };
-        };
         Expected expected;
         if (point.phase == kOpen) {
           // The constructor throws after its record and leaves nothing behind.
@@ -607,8 +525,8 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                 "cannot give " + temporary + " the mode of " + target + ": "}}};
           const auto& [message, record] = failures.at(point.function);
           expected.exception = "ios_base::failure (iostream 1): " + message + ": iostream error";
-          expected.records = {AtomicRecord("Impl", record + Error(point.error))};
-          expected.check = holds(before);
+          expected.records = {FileRecord("Impl", 3, record + Error(point.error))};
+          expected.check = Holds(before);
           return expected;
         }
         const bool commits = ending == Ending::Commit;
@@ -639,23 +557,24 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                                       : ending == Ending::Cancel ? ", bad"
                                                                  : "";
         expected.result = "written" + endResult;
-        expected.check = holds(commits ? after : before);
+        expected.check = Holds(commits ? after : before);
         if (step) {
           const auto& [what, inPlace] = *step;
-          expected.records = {AtomicRecord(
-              "Fail", "replacing " + target + " failed on " + what + ": " + Error(point.error) +
-                          (inPlace ? "; the new content is in place but its durability is not "
-                                     "confirmed"
-                                   : "; it keeps its old content"))};
-          expected.check = holds(inPlace ? after : before);
+          expected.records = {
+              FileRecord("Fail", 3,
+                         "replacing " + target + " failed on " + what + ": " + Error(point.error) +
+                             (inPlace ? "; the new content is in place but its durability is not "
+                                        "confirmed"
+                                      : "; it keeps its old content"))};
+          expected.check = Holds(inPlace ? after : before);
           if (point.phase == kUse) {
             // The stream went bad at the write; a later Commit finds nothing to commit.
             expected.result = commits                    ? "bad, not committed, bad"
                               : ending == Ending::Cancel ? "bad, bad"
                                                          : "bad";
             if (commits) {
-              expected.records.push_back(AtomicRecord(
-                  "DoCommit",
+              expected.records.push_back(FileRecord(
+                  "DoCommit", 3,
                   "nothing to commit for " + target + ": already committed, cancelled or failed"));
             }
           } else {
@@ -663,8 +582,9 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           }
         } else if (point.function == Function::remove) {
           // Only a failed removal leaves the temporary file, and says so.
-          expected.records = {AtomicRecord("Discard", "cannot remove the temporary file " +
-                                                          temporary + ": " + Error(point.error))};
+          expected.records = {FileRecord(
+              "Discard", 3,
+              "cannot remove the temporary file " + temporary + ": " + Error(point.error))};
           // It holds a prefix of what was written: the bytes drained before the end.
           expected.check = [before](const Outcome& got) {
             const std::string left = ".f.XXXXXX=";
@@ -680,7 +600,8 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           };
         }
         return expected;
-      }};
+      },
+      [](const TempDir& dir) { return Entries(dir / "a"); }};
 }
 
 // --- Directory -------------------------------------------------------------------------------
@@ -694,17 +615,15 @@ std::shared_ptr<Directory> DirectoryOn(const std::string& path) {
 Operation CreateDirectory(bool exists) {
   return {
       std::string("Directory::CreateDirectory, ") + (exists ? "existing" : "missing"),
-      [exists](const TempDir& dir) {
-        return Observe([&](Outcome& out) {
-          const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
-          const bool result = DirectoryOn(path)->CreateDirectory();
-          out.result = std::string(result ? "true" : "false") +
-                       (std::ifstream(path + "/.") ? ", present" : ", absent");
-          if (testing::ListTree(dir.Path()) != std::vector<std::string>{"a", "a/b"} &&
-              !testing::ListTree(dir.Path()).empty()) {
-            out.result += ", other entries";
-          }
-        });
+      [exists](const TempDir& dir, Outcome& out) {
+        const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
+        const bool result = DirectoryOn(path)->CreateDirectory();
+        out.result = std::string(result ? "true" : "false") +
+                     (std::ifstream(path + "/.") ? ", present" : ", absent");
+        if (testing::ListTree(dir.Path()) != std::vector<std::string>{"a", "a/b"} &&
+            !testing::ListTree(dir.Path()).empty()) {
+          out.result += ", other entries";
+        }
       },
       [exists](const Point& point, const Outcome&, const TempDir&) {
         Expected expected;
@@ -726,16 +645,14 @@ Operation CreateDirectory(bool exists) {
 
 Operation EmptyDirectory() {
   return {"Directory::EmptyDirectory",
-          [](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              dir.WriteFile("d/x", "1");
-              dir.WriteFile("d/sub/y", "2");
-              dir.WriteFile("d/.keep", "3");
-              out.result = DirectoryOn(dir / "d")->EmptyDirectory() ? "true" : "false";
-              for (const std::string& entry : testing::ListTree(dir / "d")) {
-                out.result += " " + entry;
-              }
-            });
+          [](const TempDir& dir, Outcome& out) {
+            dir.WriteFile("d/x", "1");
+            dir.WriteFile("d/sub/y", "2");
+            dir.WriteFile("d/.keep", "3");
+            out.result = DirectoryOn(dir / "d")->EmptyDirectory() ? "true" : "false";
+            for (const std::string& entry : testing::ListTree(dir / "d")) {
+              out.result += " " + entry;
+            }
           },
           [](const Point& point, const Outcome&, const TempDir&) {
             const bool refused = (point.function == Function::access && point.error == ENOENT) ||
@@ -748,14 +665,12 @@ Operation EmptyDirectory() {
 // a, b, sub/c and sub/deeper/d, 100 bytes each; one subdirectory per level.
 Operation GetDirectorySize() {
   return {"Directory::GetDirectorySize",
-          [](const TempDir& dir) {
-            return Observe([&](Outcome& out) {
-              const std::string hundred(100, 'x');
-              for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
-                dir.WriteFile(name, hundred);
-              }
-              out.result = std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
-            });
+          [](const TempDir& dir, Outcome& out) {
+            const std::string hundred(100, 'x');
+            for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
+              dir.WriteFile(name, hundred);
+            }
+            out.result = std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
           },
           [](const Point& point, const Outcome&, const TempDir&) {
             Expected expected;
@@ -782,40 +697,27 @@ Operation GetDirectorySize() {
           }};
 }
 
-// A statistics query of "/", whose only call is its statfs; record gives its failure record's
-// text for an errno.
-Operation StatisticsQuery(const std::string& name,
-                          const std::function<std::uint64_t(Directory&)>& query,
-                          const std::function<std::string(int)>& record) {
-  return {"Directory::" + name,
-          [query](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              out.result = query(*DirectoryOn("/")) > 0 ? "positive" : "0";
-            });
-          },
-          [name, record](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected = WithResult("0");
-            expected.records = {FileRecord(name, 3, record(point.error))};
-            return expected;
-          }};
-}
-
-Operation GetFileSystemUsedSize() {
-  return StatisticsQuery(
-      "GetFileSystemUsedSize",
-      [](Directory& directory) { return directory.GetFileSystemUsedSize(); },
-      [](int error) { return "failed to open path with " + std::to_string(error); });
-}
-
-Operation GetPercentageUsed() {
-  return StatisticsQuery(
-      "GetPercentageUsed",
-      [](Directory& directory) {
-        return static_cast<std::uint64_t>(directory.GetPercentageUsed());
+// GetFileSystemUsedSize or GetPercentageUsed of "/", whose only call is its statfs.
+Operation StatisticsQuery(bool percentage) {
+  const std::string name = percentage ? "GetPercentageUsed" : "GetFileSystemUsedSize";
+  return {
+      "Directory::" + name,
+      [percentage](const TempDir&, Outcome& out) {
+        const auto directory = DirectoryOn("/");
+        const std::uint64_t value = percentage
+                                        ? static_cast<std::uint64_t>(directory->GetPercentageUsed())
+                                        : directory->GetFileSystemUsedSize();
+        out.result = value > 0 ? "positive" : "0";
       },
-      [](int error) {
-        return "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")";
-      });
+      [name, percentage](const Point& point, const Outcome&, const TempDir&) {
+        const int error = point.error;
+        Expected expected = WithResult("0");
+        expected.records = {FileRecord(
+            name, 3,
+            percentage ? "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")"
+                       : "failed to open path with " + std::to_string(error))};
+        return expected;
+      }};
 }
 
 // --- Tar -------------------------------------------------------------------------------------
@@ -850,104 +752,41 @@ std::string Joined(const std::vector<std::string>& names) {
   return text;
 }
 
-// The runner's own outcome for a point among its calls, or nullopt when the run goes on as
-// usual. status is what the caller sees; records are the runner's.
+// What a point among a runner's calls does to a run: nothing (a retried EINTR or EAGAIN, a
+// missing pidfd or parent-death request, which the streaming runner does without), a failure of
+// the runner's own (its status and records, or the wait's exception, after which the child is
+// left for nobody to reap, as the contract has it), a failed close's record, or output that ends
+// early. TarApi reads a byte at a time and stops at a failed read, before that byte; after a
+// failed poll or read the streaming runner stops reading and closes its end, and tar, when it had
+// more to write, fails.
 struct RunnerFailure {
   int status = 0;
   std::vector<std::string> records;
   bool throws = false;
 };
 
-std::optional<RunnerFailure> RunnerFailureFor(const Point& point, const std::string& ranArgs) {
-  switch (point.function) {
-    case Function::pipe2:
-      return RunnerFailure{-point.error,
-                           {TarRecord("RunCmd", "failed to pipe: " + std::to_string(point.error))}};
-    case Function::fork:
-      return RunnerFailure{-point.error, {TarRecord("RunCmd", "Failed to fork: " + ranArgs)}};
-    case Function::dup2:
-    case Function::execvp:
-      return RunnerFailure{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
-    case Function::waitpid:
-      return RunnerFailure{
-          0, {TarRecord("RunCmd", "waitpid failure: " + Error(point.error))}, true};
-    default:
-      return std::nullopt;
-  }
-}
-
-// What a caller sees when the runner throws: its record and the exception; the child is left
-// for nobody to reap, as the contract has it.
-Expected Thrown(const RunnerFailure& failure) {
-  Expected expected;
-  expected.records = failure.records;
-  expected.exception = "runtime_error: waitpid failure";
-  expected.childMayRemain = true;
-  return expected;
-}
-
-Operation RunCmd() {
-  return {"TarApi::RunCmd",
-          [](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              std::vector<std::string> args = {"-tf", Archive()};
-              const auto [output, status] = TarApi().RunCmd(args);
-              out.result = output + "|" + std::to_string(status);
-              out.content = Joined(args);
-            });
-          },
-          [](const Point& point, const Outcome& baseline, const TempDir&) {
-            Expected expected;
-            const std::string output = baseline.result.substr(0, baseline.result.find('|'));
-            if (auto failure = RunnerFailureFor(point, "tar-tf" + Archive())) {
-              if (failure->throws) {
-                return Thrown(*failure);
-              }
-              expected.records = failure->records;
-              expected.result = "|" + std::to_string(failure->status);
-              // A failed pipe leaves the argument list as it was.
-              const std::string args =
-                  point.function == Function::pipe2 ? "-tf;" + Archive() + ";" : baseline.content;
-              expected.check = [args](const Outcome& got) {
-                return got.content == args ? std::string() : "argument list " + got.content;
-              };
-              return expected;
-            }
-            if (point.function == Function::read) {
-              // Reading stops at the first failure: the output is cut before that byte.
-              expected.result = output.substr(0, point.call - 1) + "|0";
-            } else if (point.function == Function::close) {
-              expected.result = baseline.result;
-              expected.records = {
-                  TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
-            }
-            return expected;
-          }};
-}
-
-// --- The streaming runner --------------------------------------------------------------------
-
-// What a point among StreamingTarApi's calls does to a run: nothing (a retried EINTR or EAGAIN,
-// a missing pidfd or parent-death request, which the runner does without), a failure of the
-// runner's own, a failed close's record, or output that may end early: after a failed poll or
-// read the runner stops reading and closes its end, and tar, when it had more to write, fails.
-struct StreamingEffect {
+struct RunnerEffect {
   std::optional<RunnerFailure> failure;
   std::vector<std::string> records;
-  bool cut = false;
+  std::optional<std::size_t> cutAt;  // TarApi's output ends before this byte
+  bool cut = false;                  // the streaming runner's output may end anywhere
   bool mayNotFire = false;
 };
 
-StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs, bool timed) {
-  StreamingEffect effect;
+RunnerEffect EffectOf(const Point& point, const std::string& ranArgs, bool streaming, bool timed) {
+  RunnerEffect effect;
   const int error = point.error;
   const RunnerFailure notStarted{-error, {TarRecord("RunCmd", "Failed to fork: " + ranArgs)}};
   const RunnerFailure notRun{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
+  const RunnerFailure waitFailed{
+      0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
+  const std::string closeFailed = "failed to close pipe: " + std::to_string(error);
   switch (point.function) {
     case Function::pipe2:
     case Function::fcntl:
       effect.failure = {-error, {TarRecord("RunCmd", "failed to pipe: " + std::to_string(error))}};
       break;
+    case Function::fork:
     case Function::socketpair:
       effect.failure = notStarted;
       break;
@@ -955,15 +794,18 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
       // The first makes the intermediate; the second, made by it, is tar's process.
       effect.failure = point.inPhase == 1 ? notStarted : notRun;
       break;
+    case Function::dup2:
     case Function::dup3:
     case Function::execvp:
       effect.failure = notRun;
       break;
     case Function::close:
-      // The pipe's two ends are closed with a record; the socket's, which carry no output,
-      // without.
-      if (point.inPhase == 2 || point.inPhase == 3) {
-        effect.records = {TarRecord("RunCmd", "failed to close pipe: " + std::to_string(error))};
+      // The streaming runner closes the pipe's two ends with a record, and the socket's, which
+      // carry no output, without.
+      if (!streaming) {
+        effect.records = {TarRecord("ClosePipe", closeFailed)};
+      } else if (point.inPhase == 2 || point.inPhase == 3) {
+        effect.records = {TarRecord("RunCmd", closeFailed)};
       }
       break;
     case Function::poll:
@@ -971,7 +813,9 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
       effect.mayNotFire = true;
       break;
     case Function::read:
-      if (point.inPhase == 1) {
+      if (!streaming) {
+        effect.cutAt = static_cast<std::size_t>(point.call - 1);
+      } else if (point.inPhase == 1) {
         // The byte that says tar runs: without it, nothing is known of tar, which is killed.
         if (error != EINTR) {
           effect.failure = notStarted;
@@ -983,14 +827,14 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
         effect.cut = error != EINTR;
         effect.mayNotFire = true;
         if (error != EINTR) {
-          effect.failure = {0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
+          effect.failure = waitFailed;
         }
       }
       break;
     case Function::waitpid:
       effect.mayNotFire = timed;
-      if (error == ECHILD) {
-        effect.failure = {0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
+      if (!streaming || error == ECHILD) {
+        effect.failure = waitFailed;
       }
       break;
     default:
@@ -999,13 +843,28 @@ StreamingEffect StreamingEffectOf(const Point& point, const std::string& ranArgs
   return effect;
 }
 
+// What a caller sees when the runner throws: its record and the exception.
+Expected Thrown(const RunnerFailure& failure) {
+  Expected expected;
+  expected.records = failure.records;
+  expected.exception = "runtime_error: waitpid failure";
+  expected.childMayRemain = true;
+  return expected;
+}
+
+// Whether got is the failed wait that effect allows.
+bool WaitFailed(const Outcome& got, const RunnerEffect& effect) {
+  return effect.failure && effect.failure->throws &&
+         got.exception == "runtime_error: waitpid failure" &&
+         got.records == effect.failure->records;
+}
+
 // Whether got is what a run cut by a failed poll or read may give: output that begins the
 // whole output, with status 0 (unless tar fails anyway), or tar's failure (status 2) and its
 // record; or, for a read, a failed read of tar's status.
-std::string CutOutcome(const Outcome& got, const std::string& output, const StreamingEffect& effect,
+std::string CutOutcome(const Outcome& got, const std::string& output, const RunnerEffect& effect,
                        bool tarFails) {
-  if (effect.failure && effect.failure->throws &&
-      got.exception == "runtime_error: waitpid failure" && got.records == effect.failure->records) {
+  if (WaitFailed(got, effect)) {
     return std::string();
   }
   const std::size_t bar = got.result.rfind('|');
@@ -1019,36 +878,37 @@ std::string CutOutcome(const Outcome& got, const std::string& output, const Stre
       (tarFails && status == 0)) {
     return "output \"" + cut + "\" with status " + std::to_string(status);
   }
-  const std::string want =
-      status == 0 ? std::string() : TarRecord("RunCmd", "tar returned 2,\n" + cut) + "|";
-  std::string records;
-  for (const std::string& record : got.records) {
-    records += record + "|";
-  }
-  return records == want ? std::string() : "records " + records + ", want " + want;
+  const std::vector<std::string> want;
+  return got.records ==
+                 (status == 0
+                      ? want
+                      : std::vector<std::string>{TarRecord("RunCmd", "tar returned 2,\n" + cut)})
+             ? std::string()
+             : "records " + Joined(got.records);
 }
 
-// StreamingTarApi::RunCmd listing the archive, with or without a time-out; or listing a
-// missing archive, which tar fails with status 2 and the runner must never report otherwise.
-Operation StreamingRunCmd(bool timed, bool tarFails) {
+// TarApi::RunCmd, or StreamingTarApi::RunCmd with or without a time-out, listing the archive;
+// or the streaming runner listing a missing archive, which tar fails with status 2 and the
+// runner must never report otherwise.
+Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
   Operation operation{
-      std::string("StreamingTarApi::RunCmd") + (timed ? ", time-out" : "") +
-          (tarFails ? ", tar fails" : ""),
-      [timed, tarFails](const TempDir&) {
-        return Observe([&](Outcome& out) {
-          std::vector<std::string> args = {"-tf", tarFails ? MissingArchive() : Archive()};
-          StreamingTarApi runner =
-              timed ? StreamingTarApi(std::chrono::seconds(10)) : StreamingTarApi();
-          SetPhase(kUse);
-          const auto [output, status] = runner.RunCmd(args);
-          out.result = output + "|" + std::to_string(status);
-          out.content = Joined(args);
-        });
+      std::string(streaming ? "StreamingTarApi" : "TarApi") + "::RunCmd" +
+          (timed ? ", time-out" : "") + (tarFails ? ", tar fails" : ""),
+      [streaming, timed, tarFails](const TempDir&, Outcome& out) {
+        std::vector<std::string> args = {"-tf", tarFails ? MissingArchive() : Archive()};
+        const std::unique_ptr<TarApi> runner =
+            !streaming ? std::make_unique<TarApi>()
+            : timed    ? std::make_unique<StreamingTarApi>(std::chrono::seconds(10))
+                       : std::make_unique<StreamingTarApi>();
+        SetPhase(kUse);
+        const auto [output, status] = runner->RunCmd(args);
+        out.result = output + "|" + std::to_string(status);
+        out.content = Joined(args);
       },
-      [timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&) {
+      [streaming, timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&) {
         const std::string archive = tarFails ? MissingArchive() : Archive();
         const std::string output = baseline.result.substr(0, baseline.result.find('|'));
-        const StreamingEffect effect = StreamingEffectOf(point, "tar-tf" + archive, timed);
+        const RunnerEffect effect = EffectOf(point, "tar-tf" + archive, streaming, timed);
         Expected expected;
         expected.mayNotFire = effect.mayNotFire;
         if (effect.cut || (effect.failure && effect.mayNotFire)) {
@@ -1063,7 +923,7 @@ Operation StreamingRunCmd(bool timed, bool tarFails) {
         if (effect.failure && effect.failure->throws) {
           return Thrown(*effect.failure);
         }
-        expected.result = baseline.result;
+        expected.result = effect.cutAt ? output.substr(0, *effect.cutAt) + "|0" : baseline.result;
         expected.records = effect.records;
         expected.records.insert(expected.records.end(), baseline.records.begin(),
                                 baseline.records.end());
@@ -1074,9 +934,7 @@ Operation StreamingRunCmd(bool timed, bool tarFails) {
           const bool noPipe =
               point.function == Function::pipe2 || point.function == Function::fcntl;
           const std::string args = noPipe ? "-tf;" + archive + ";" : baseline.content;
-          expected.check = [args](const Outcome& got) {
-            return got.content == args ? std::string() : "argument list " + got.content;
-          };
+          expected.check = Holds(args);
         }
         return expected;
       }};
@@ -1096,25 +954,27 @@ std::optional<Expected> UntarConstructionFailure(const Point& point) {
   return std::nullopt;
 }
 
-// Untar::FileList through TarApi, or through StreamingTarApi when streaming is set.
+// An Untar on the shared archive, through TarApi, or through StreamingTarApi when streaming is
+// set.
+Untar UntarOf(bool streaming) {
+  return Untar(std::make_shared<Path>(Archive()),
+               streaming ? std::make_shared<StreamingTarApi>() : nullptr);
+}
+
+// Untar::FileList through either runner.
 Operation FileList(bool streaming) {
   return {std::string("Untar::FileList") + (streaming ? ", streaming" : ""),
-          [streaming](const TempDir&) {
-            return Observe([&](Outcome& out) {
-              SetPhase(kOpen);
-              Untar untar(std::make_shared<Path>(Archive()),
-                          streaming ? std::make_shared<StreamingTarApi>() : nullptr);
-              SetPhase(kUse);
-              out.result = Joined(untar.FileList());
-            });
+          [streaming](const TempDir&, Outcome& out) {
+            SetPhase(kOpen);
+            Untar untar = UntarOf(streaming);
+            SetPhase(kUse);
+            out.result = Joined(untar.FileList());
           },
           [streaming](const Point& point, const Outcome& baseline, const TempDir&) {
             if (auto failure = UntarConstructionFailure(point)) {
               return *failure;
             }
-            const std::string ran = "tar-tf" + Archive();
-            const StreamingEffect effect =
-                streaming ? StreamingEffectOf(point, ran, false) : StreamingEffect{};
+            const RunnerEffect effect = EffectOf(point, "tar-tf" + Archive(), streaming, false);
             const std::string output = "one\ndir/\ndir/two\n";
             Expected expected;
             expected.mayNotFire = effect.mayNotFire;
@@ -1123,8 +983,7 @@ Operation FileList(bool streaming) {
               // none and both records; or the wait's failure.
               expected.checkDecides = true;
               expected.check = [output, effect](const Outcome& got) {
-                if (effect.failure && got.exception == "runtime_error: waitpid failure" &&
-                    got.records == effect.failure->records) {
+                if (WaitFailed(got, effect)) {
                   return std::string();
                 }
                 for (std::size_t end = 0; end <= output.size(); ++end) {
@@ -1142,9 +1001,7 @@ Operation FileList(bool streaming) {
               };
               return expected;
             }
-            std::optional<RunnerFailure> failure =
-                streaming ? effect.failure : RunnerFailureFor(point, ran);
-            if (failure) {
+            if (const auto& failure = effect.failure) {
               if (failure->throws) {
                 return Thrown(*failure);
               }
@@ -1154,33 +1011,24 @@ Operation FileList(bool streaming) {
                   "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
               return expected;
             }
-            expected.result = baseline.result;
-            if (streaming) {
-              expected.records = effect.records;
-            } else if (point.function == Function::read) {
-              expected.result = Joined(Split(output.substr(0, point.call - 1)));
-            } else if (point.function == Function::close) {
-              expected.records = {
-                  TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
-            }
+            expected.result =
+                effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result;
+            expected.records = effect.records;
             return expected;
           }};
 }
 
-// Untar::Extract through TarApi, or through StreamingTarApi when streaming is set.
+// Untar::Extract through either runner.
 Operation Extract(bool streaming) {
   return {
       std::string("Untar::Extract") + (streaming ? ", streaming" : ""),
-      [streaming](const TempDir& dir) {
-        return Observe([&](Outcome& out) {
-          const std::string destination = dir.MakeDir("out");
-          SetPhase(kOpen);
-          Untar untar(std::make_shared<Path>(Archive()),
-                      streaming ? std::make_shared<StreamingTarApi>() : nullptr);
-          SetPhase(kUse);
-          out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
-          out.content = Joined(testing::ListTree(destination));
-        });
+      [streaming](const TempDir& dir, Outcome& out) {
+        const std::string destination = dir.MakeDir("out");
+        SetPhase(kOpen);
+        Untar untar = UntarOf(streaming);
+        SetPhase(kUse);
+        out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
+        out.content = Joined(testing::ListTree(destination));
       },
       [streaming](const Point& point, const Outcome& baseline, const TempDir& dir) {
         if (auto failure = UntarConstructionFailure(point)) {
@@ -1192,23 +1040,19 @@ Operation Extract(bool streaming) {
             point.phase == kUse && ((point.function == Function::access && point.error == ENOENT) ||
                                     point.function == Function::opendir);
         const std::string args = "tar--warning=no-timestamp-xf" + Archive() + "-C" + destination;
-        const StreamingEffect effect =
-            streaming ? StreamingEffectOf(point, args, false) : StreamingEffect{};
-        std::optional<RunnerFailure> failure =
-            streaming ? effect.failure : RunnerFailureFor(point, args);
+        const RunnerEffect effect = EffectOf(point, args, streaming, false);
         expected.mayNotFire = effect.mayNotFire;
         if (effect.cut) {
           // tar writes nothing here, so a failed poll or read changes nothing; a failed read of
           // tar's status fails the wait.
           expected.checkDecides = true;
           const Outcome want = baseline;
-          expected.check = [want, failure](const Outcome& got) {
+          expected.check = [want, effect](const Outcome& got) {
             const bool asUsual = got.exception.empty() && got.records.empty() &&
                                  got.result == want.result && got.content == want.content;
-            const bool waitFailed = failure && got.exception == "runtime_error: waitpid failure" &&
-                                    got.records == failure->records;
-            return asUsual || waitFailed ? std::string()
-                                         : "outcome " + got.result + " " + got.exception;
+            return asUsual || WaitFailed(got, effect)
+                       ? std::string()
+                       : "outcome " + got.result + " " + got.exception;
           };
           return expected;
         }
@@ -1216,19 +1060,14 @@ Operation Extract(bool streaming) {
           expected.result = "-1";
           expected.records = {TarRecord(
               "DoExtract", "specified path is not an existing directory: " + destination)};
-        } else if (failure && failure->throws) {
-          return Thrown(*failure);
-        } else if (failure) {
-          expected.result = std::to_string(failure->status);
-          expected.records = failure->records;
+        } else if (effect.failure && effect.failure->throws) {
+          return Thrown(*effect.failure);
+        } else if (effect.failure) {
+          expected.result = std::to_string(effect.failure->status);
+          expected.records = effect.failure->records;
         } else {
           expected.result = baseline.result;
-          if (streaming) {
-            expected.records = effect.records;
-          } else if (point.function == Function::close) {
-            expected.records = {
-                TarRecord("ClosePipe", "failed to close pipe: " + std::to_string(point.error))};
-          }
+          expected.records = effect.records;
         }
         const std::string tree = expected.result == baseline.result ? baseline.content : "";
         // tar, killed when whether it runs could not be read, may have extracted some entries.
@@ -1249,78 +1088,71 @@ Operation Extract(bool streaming) {
 
 // Every operation of the library that the sweep covers; adding one is adding an entry.
 std::vector<Operation> Operations() {
-  return {PathExists(),
-          PathIsDirectory(),
-          FileRead(0),
-          FileRead(4),
-          FileRead(64),
-          FileWrite(0, true),
-          FileWrite(4, true),
-          FileWrite(64, true),
-          FileWrite(4, false),
-          FileWrite(64, false),
-          FileReadWrite(),
-          FileInMemory(),
-          CreateOrRecreate(false),
-          CreateOrRecreate(true),
-          GetFileSize(),
-          AtomicReplace(true, 4, Ending::Commit),
-          AtomicReplace(false, 0, Ending::Commit),
-          AtomicReplace(true, 64, Ending::Commit),
-          AtomicReplace(true, 4, Ending::Cancel),
-          AtomicReplace(true, 4, Ending::Destroy),
-          CreateDirectory(false),
-          CreateDirectory(true),
-          EmptyDirectory(),
-          GetDirectorySize(),
-          GetFileSystemUsedSize(),
-          GetPercentageUsed(),
-          RunCmd(),
-          FileList(false),
-          Extract(false),
-          StreamingRunCmd(false, false),
-          StreamingRunCmd(true, false),
-          StreamingRunCmd(false, true),
-          FileList(true),
-          Extract(true)};
+  std::vector<Operation> operations = {PathQuery(false), PathQuery(true)};
+  for (const std::uint32_t size : {0U, 4U, 64U}) {
+    operations.push_back(FileRead(size));
+  }
+  for (const std::uint32_t size : {0U, 4U, 64U}) {
+    operations.push_back(FileWrite(size, true));
+  }
+  for (const std::uint32_t size : {4U, 64U}) {
+    operations.push_back(FileWrite(size, false));
+  }
+  for (Operation operation : {FileReadWrite(),
+                              FileInMemory(),
+                              CreateOrRecreate(false),
+                              CreateOrRecreate(true),
+                              GetFileSize(),
+                              AtomicReplace(true, 4, Ending::Commit),
+                              AtomicReplace(false, 0, Ending::Commit),
+                              AtomicReplace(true, 64, Ending::Commit),
+                              AtomicReplace(true, 4, Ending::Cancel),
+                              AtomicReplace(true, 4, Ending::Destroy),
+                              CreateDirectory(false),
+                              CreateDirectory(true),
+                              EmptyDirectory(),
+                              GetDirectorySize(),
+                              StatisticsQuery(false),
+                              StatisticsQuery(true),
+                              RunCmd(false),
+                              FileList(false),
+                              Extract(false),
+                              RunCmd(true),
+                              RunCmd(true, true),
+                              RunCmd(true, false, true),
+                              FileList(true),
+                              Extract(true)}) {
+    operations.push_back(std::move(operation));
+  }
+  return operations;
 }
 
 // --- The harness -----------------------------------------------------------------------------
 
 std::string Compare(const Expected& expected, const Outcome& got) {
-  std::ostringstream problems;
   if (expected.checkDecides) {
     const std::string problem = expected.check(got);
     return problem.empty() ? std::string() : " " + problem + ";";
   }
+  std::string problems;
+  const auto differ = [&problems](const char* what, const std::string& is,
+                                  const std::string& want) {
+    problems += " " + std::string(what) + " \"" + is + "\", want \"" + want + "\";";
+  };
   if (expected.result && *expected.result != got.result) {
-    problems << " result \"" << got.result << "\", want \"" << *expected.result << "\";";
+    differ("result", got.result, *expected.result);
   }
-  const std::string wantException = expected.exception.value_or("");
-  if (wantException != got.exception) {
-    problems << " exception \"" << got.exception << "\", want \"" << wantException << "\";";
+  if (expected.exception.value_or("") != got.exception) {
+    differ("exception", got.exception, expected.exception.value_or(""));
   }
   if (expected.records != got.records) {
-    problems << " records [";
-    for (const std::string& record : got.records) {
-      problems << record << "|";
-    }
-    problems << "], want [";
-    for (const std::string& record : expected.records) {
-      problems << record << "|";
-    }
-    problems << "];";
+    differ("records", Joined(got.records), Joined(expected.records));
   }
   if (expected.errorAfter && *expected.errorAfter != got.errorAfter) {
-    problems << " errno " << got.errorAfter << ", want " << *expected.errorAfter << ";";
+    differ("errno", std::to_string(got.errorAfter), std::to_string(*expected.errorAfter));
   }
-  if (expected.check) {
-    const std::string problem = expected.check(got);
-    if (!problem.empty()) {
-      problems << " " << problem << ";";
-    }
-  }
-  return problems.str();
+  const std::string problem = expected.check ? expected.check(got) : "";
+  return problem.empty() ? problems : problems + " " + problem + ";";
 }
 
 // Runs one point in a forked child; returns an empty text when it passed, else what was wrong.
@@ -1341,7 +1173,7 @@ std::string RunPoint(const Operation& operation, const Point& point, const Outco
       const TempDir dir;
       LoggingOff() = loggingOff;
       Arm(point.function, point.call, point.error);
-      const Outcome got = operation.run(dir);
+      const Outcome got = Observe(operation, dir);
       const bool fired = Fired();
       Reset();
       LoggingOff() = false;
@@ -1408,34 +1240,31 @@ bool HarnessSeesFaults() {
   const Operation write = FileWrite(4, true);
   const Point point{Function::write, 1, 1, kUse, EIO};
   Operation losing = write;
-  losing.run = [write](const TempDir& dir) {
-    Outcome outcome = write.run(dir);
-    outcome.content.pop_back();
-    return outcome;
+  losing.content = [write](const TempDir& dir) {
+    std::string content = write.content(dir);
+    content.pop_back();
+    return content;
   };
   Operation leaking = write;
-  leaking.run = [write](const TempDir& dir) {
+  leaking.run = [write](const TempDir& dir, Outcome& out) {
     ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    return write.run(dir);
+    write.run(dir, out);
   };
   Operation forking = write;
-  forking.run = [write](const TempDir& dir) {
+  forking.run = [write](const TempDir& dir, Outcome& out) {
     if (::fork() == 0) {
       ::_exit(0);
     }
-    return write.run(dir);
+    write.run(dir, out);
   };
   for (const Operation* faulty : {&losing, &leaking, &forking}) {
     if (RunPoint(*faulty, point, Outcome()).empty()) {
       return false;
     }
   }
-  const Operation replace = AtomicReplace(true, 4, Ending::Commit);
-  Operation leaving = replace;
-  leaving.run = [replace](const TempDir& dir) {
-    Outcome outcome = replace.run(dir);
-    outcome.content = ".f.XXXXXX=0123;" + outcome.content;
-    return outcome;
+  Operation leaving = AtomicReplace(true, 4, Ending::Commit);
+  leaving.content = [replace = leaving](const TempDir& dir) {
+    return ".f.XXXXXX=0123;" + replace.content(dir);
   };
   return !RunPoint(leaving, Point{Function::fsync, 1, 1, kFlush, EIO}, Outcome()).empty();
 }
@@ -1450,7 +1279,7 @@ struct Summary {
 
 std::string ErrnoNames(Function function) {
   std::string names;
-  for (const int error : Errnos().at(function)) {
+  for (const int error : Errnos(function)) {
     names += (names.empty() ? "" : ", ") + std::string(strerrorname_np(error));
   }
   return names;
@@ -1514,7 +1343,7 @@ int Main(int argc, char** argv) {
     {
       const TempDir dir;
       StartRecording();
-      baseline = operation.run(dir);
+      baseline = Observe(operation, dir);
       trace = Recorded();
       Reset();
     }
@@ -1530,14 +1359,7 @@ int Main(int argc, char** argv) {
       const long number = ++seen[call.function];
       const long inPhase = ++seenInPhase[{call.function, call.phase}];
       ++summary.callsByFunction[call.function];
-      const auto errnos = Errnos().find(call.function);
-      if (errnos == Errnos().end()) {
-        std::cout << "FAILED " << operation.name << ": no errnos listed for " << Name(call.function)
-                  << "\n";
-        ++failed;
-        continue;
-      }
-      for (const int error : errnos->second) {
+      for (const int error : Errnos(call.function)) {
         const Point point{call.function, number, inPhase, call.phase, error};
         const std::string problems = RunPoint(operation, point, baseline);
         ++summary.points;
