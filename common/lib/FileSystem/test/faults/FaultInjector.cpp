@@ -208,12 +208,12 @@ void Prepare() {
 // the function's failure value without doing anything, except close and closedir (see Arm).
 #define DRX_RETURN_ADDRESS __builtin_return_address(0)
 
-// Defines name with the given attributes, parameters and exception specification: it fails with
+// Defines name with the given attributes, parameters and noexcept clause: it fails with
 // failure when Intercept says so, and otherwise calls the next definition with arguments.
-#define DRX_INTERPOSE(attributes, Result, name, parameters, specification, failure, arguments) \
-  attributes Result name parameters specification {                                            \
-    static const auto next = Next<Result(*) parameters>(#name);                                \
-    return Intercept(Function::name, DRX_RETURN_ADDRESS) ? failure : next arguments;           \
+#define DRX_INTERPOSE(attributes, Result, name, parameters, noexceptClause, failure, arguments) \
+  attributes Result name parameters noexceptClause {                                            \
+    static const auto next = Next<Result(*) parameters>(#name);                                 \
+    return Intercept(Function::name, DRX_RETURN_ADDRESS) ? failure : next arguments;            \
   }
 
 namespace {

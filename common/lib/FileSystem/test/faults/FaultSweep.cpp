@@ -107,6 +107,14 @@ struct Operation {
   bool failsWithoutFaults = false;
 };
 
+// Appends what buffer gives, character by character, up to its end.
+void ReadToEnd(std::streambuf& buffer, std::string& into) {
+  for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
+    into += static_cast<char>(c);
+    buffer.sbumpc();
+  }
+}
+
 std::string Error(int error) {
   return std::strerror(error);
 }
@@ -252,10 +260,7 @@ Operation FileRead(std::uint32_t bufferSize) {
             auto file = std::make_unique<File>(Options(&path, bufferSize, 0, true, false));
             SetPhase(kUse);
             std::streambuf& buffer = *file;
-            for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
-              out.result += static_cast<char>(c);
-              buffer.sbumpc();
-            }
+            ReadToEnd(buffer, out.result);
             SetPhase(kClose);
             file.reset();
           },
@@ -350,10 +355,7 @@ Operation FileReadWrite() {
             SetPhase(kFlush);
             out.result = buffer.pubsync() == 0 ? "flushed" : "flush failed";
             SetPhase(kRead);
-            for (int c = buffer.sgetc(); c != EOF; c = buffer.sgetc()) {
-              out.contentBefore += static_cast<char>(c);
-              buffer.sbumpc();
-            }
+            ReadToEnd(buffer, out.contentBefore);
             SetPhase(kClose);
             file.reset();
           },
