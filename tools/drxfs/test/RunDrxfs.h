@@ -12,7 +12,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,19 +46,42 @@ inline DrxfsSetting WithInput(std::string input) {
   return setting;
 }
 
+// A copy of drxfs and of the libraries it links, made once per test process in a directory every
+// user can enter: the build tree may lie where only root can (a checkout in /root), and a run as
+// another user must still find the program. Run it with LD_LIBRARY_PATH naming this directory.
+inline const TempDir& ReachableDrxfs() {
+  static const TempDir dir;
+  static const bool copied = [] {
+    std::istringstream libraries(DRXFS_LIBRARIES);
+    for (std::string library; std::getline(libraries, library, ':');) {
+      std::filesystem::copy_file(library, dir / std::filesystem::path(library).filename().string());
+    }
+    std::filesystem::copy_file(DRXFS_PATH, dir / "drxfs");
+    return true;
+  }();
+  static_cast<void>(copied);
+  return dir;
+}
+
 // drxfs running as a child of the test; the destructor kills and reaps it if Wait was not called.
 class DrxfsProcess {
  public:
   explicit DrxfsProcess(const std::vector<std::string>& args, const DrxfsSetting& setting = {})
       : outPath(setting.stdoutPath.empty() ? io / "stdout" : setting.stdoutPath),
         readOut(setting.stdoutPath.empty()) {
-    std::vector<std::string> strings = {DRXFS_PATH};
+    const std::string program =
+        setting.unprivileged ? ReachableDrxfs() / "drxfs" : std::string(DRXFS_PATH);
+    std::vector<std::string> strings = {program};
     strings.insert(strings.end(), args.begin(), args.end());
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-      if (std::strncmp(*entry, "DRX_LOG_LEVEL=", 14) != 0) {
+      if (std::strncmp(*entry, "DRX_LOG_LEVEL=", 14) != 0 &&
+          (!setting.unprivileged || std::strncmp(*entry, "LD_LIBRARY_PATH=", 16) != 0)) {
         environment.emplace_back(*entry);
       }
+    }
+    if (setting.unprivileged) {
+      environment.push_back("LD_LIBRARY_PATH=" + ReachableDrxfs().Path());
     }
     std::vector<char*> argv = Pointers(strings);
     std::vector<char*> envp = Pointers(environment);
@@ -82,7 +107,7 @@ class DrxfsProcess {
         ::setrlimit(RLIMIT_NOFILE, &limit);
       }
       if (ready) {
-        ::execve(DRXFS_PATH, argv.data(), envp.data());
+        ::execve(program.c_str(), argv.data(), envp.data());
       }
       ::_exit(127);
     }
