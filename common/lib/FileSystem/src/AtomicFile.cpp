@@ -37,8 +37,8 @@ constexpr std::size_t kNameMax = 255;
 constexpr std::size_t kBaseMax = kNameMax - kSuffixLength - 2;
 // A new file's permission bits before the umask.
 constexpr unsigned kNewFileMode = 0644;
-// The temporary file's bits until it has an existing target's owner and mode.
-constexpr unsigned kCreatorOnlyMode = 0600;
+// The temporary file's bits until Commit gives it an existing target's.
+constexpr unsigned kOwnerOnlyMode = 0600;
 constexpr int kSetIdBits = S_ISUID | S_ISGID;
 
 }  // namespace
@@ -130,7 +130,7 @@ AtomicFile::Impl::Impl(const std::string& target, std::unique_ptr<LinuxApiIF> ap
     }
     // O_EXCL never follows a symbolic link planted at the name; O_NOFOLLOW says so twice.
     fd = linuxApi->open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                        static_cast<int>(exists ? kCreatorOnlyMode : kNewFileMode));
+                        static_cast<int>(exists ? kOwnerOnlyMode : kNewFileMode));
     if (fd < 0 && errno != EEXIST) {
       break;
     }
