@@ -29,9 +29,15 @@ namespace drn {
 /// The first failure is final: nothing is retried (after a failed fsync Linux forgets the error
 /// once it has reported it), the temporary file is removed, the target keeps its old content, a
 /// level-3 record in category 0x8010 names the failed step and the error, and the stream goes
-/// bad. An existing target's permission bits are carried over to the new content; a new target
-/// gets 0644 less the umask. Ownership, extended attributes and ACLs are not carried over, and a
-/// symbolic link at the target is replaced by a regular file (its own target is left alone).
+/// bad. An existing target's owner and group are carried over to the new content where the
+/// caller may give them (root may; others keep at least a group they belong to), and so are its
+/// permission bits, set-user-ID and set-group-ID included only when both owner and group were
+/// kept. Both are set through the temporary file's descriptor: the owner when it is created, the
+/// bits at Commit after the last write; until then only its owner may open it. A new target gets
+/// 0644 less the umask. Extended attributes and ACLs are not carried over. A
+/// symbolic link at the target is replaced by a regular file with its target's owner and bits
+/// but never the set-ID ones (the link's own target is left alone). Dropped set-ID bits are
+/// told in a level-4 record.
 ///
 /// Every system call goes through the LinuxApiIF, so that a substitute can fail any step. The
 /// stream is its own stream buffer, like File; it is used by one thread at a time.
@@ -43,9 +49,10 @@ class DRN_EXPORT AtomicFile : public std::ostream, private std::basic_streambuf<
   /// @param writeBufferSize the stream's buffer in bytes; 0 writes every character at once.
   /// @throws std::invalid_argument when path is empty, names a directory (or ends in '/'), or
   ///         names something other than a regular file (a device, a pipe, a socket).
-  /// @throws std::ios_base::failure when path cannot be examined or the temporary file cannot
+  /// @throws std::ios_base::failure when path cannot be examined, the temporary file cannot
   ///         be created (for example a missing directory, no write permission, a read-only file
-  ///         system). Each throw follows a level-3 record.
+  ///         system), or it cannot be given the target's owner for a reason other than the
+  ///         caller's lack of permission. Each throw follows a level-3 record.
   explicit AtomicFile(const std::string& path, std::unique_ptr<LinuxApiIF> linuxApi = nullptr,
                       std::uint32_t writeBufferSize = 64 * 1024);
 
@@ -81,7 +88,8 @@ class DRN_EXPORT AtomicFile : public std::ostream, private std::basic_streambuf<
   /// @return true only when every step succeeded: the output was written, the temporary file
   ///         fsynced, closed and renamed over path, (on FAT) path fsynced again, and path's
   ///         directory fsynced. false on any failure (with a level-3 record that names the step and
-  ///         the error), after a stream write that failed earlier, on a bad stream, and on every
+  ///         the error), after a stream write that failed earlier, on a failed stream (failbit
+  ///         too: an insertion of a source buffer that gave nothing sets only that), and on every
   ///         call after the first Commit or a Cancel. When the rename succeeded and only a later
   ///         fsync (or its open or close) failed, the new content is in place but its durability
   ///         is not confirmed; the record says so. Otherwise path keeps its old content.

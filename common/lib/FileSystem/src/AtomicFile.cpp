@@ -37,6 +37,9 @@ constexpr std::size_t kNameMax = 255;
 constexpr std::size_t kBaseMax = kNameMax - kSuffixLength - 2;
 // A new file's permission bits before the umask.
 constexpr unsigned kNewFileMode = 0644;
+// The temporary file's bits until Commit gives it an existing target's.
+constexpr unsigned kOwnerOnlyMode = 0600;
+constexpr int kSetIdBits = S_ISUID | S_ISGID;
 
 }  // namespace
 
@@ -45,6 +48,12 @@ struct AtomicFile::Impl {
 
   Impl(const std::string& target, std::unique_ptr<LinuxApiIF> api);
 
+  // Gives the temporary file the target's owner and group through its descriptor and sets
+  // the mode Commit gives it: the target's, less the set-ID bits where owner and group cannot
+  // be kept or link says the target was reached through a symbolic link. Throws
+  // std::ios_base::failure after a record (the temporary file removed) when fchown fails for
+  // another reason than the caller's lack of permission.
+  void KeepOwner(const struct stat& target, bool link);
   // Writes count bytes at data to the temporary file, continuing short writes and retrying
   // EINTR. false when a write failed; the replacement is then given up.
   bool Write(const char* data, std::size_t count);
@@ -63,6 +72,7 @@ struct AtomicFile::Impl {
   std::string path;
   std::string directory;  // path's directory, for its fsync
   std::string temporary;  // the temporary file's path
+  int mode = -1;          // the mode Commit gives the temporary file; -1: the one open gave
   int fd = -1;            // the temporary file while it is open
   bool renamed = false;   // the temporary file has become path
   State state = State::Open;
@@ -77,7 +87,12 @@ AtomicFile::Impl::Impl(const std::string& target, std::unique_ptr<LinuxApiIF> ap
   }
   struct stat status {};
   // A path that ends in a slash names a directory, whether or not it exists.
-  const bool exists = path.back() != '/' && linuxApi->stat(path.c_str(), &status) == 0;
+  bool exists = path.back() != '/' && linuxApi->lstat(path.c_str(), &status) == 0;
+  // A symbolic link is replaced by a file with its target's attributes, less the set-ID bits.
+  const bool link = exists && S_ISLNK(status.st_mode);
+  if (link) {
+    exists = linuxApi->stat(path.c_str(), &status) == 0;
+  }
   if (path.back() == '/' || (exists && S_ISDIR(status.st_mode))) {
     DRN_LOG(LogLevel::Error, kCategory) << "cannot replace " << path << ": it is a directory";
     throw std::invalid_argument("AtomicFile cannot replace a directory");
@@ -105,9 +120,9 @@ AtomicFile::Impl::Impl(const std::string& target, std::unique_ptr<LinuxApiIF> ap
       static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count())};
   std::minstd_rand random(seed);
   std::uniform_int_distribution<std::size_t> pick(0, sizeof(kSuffixCharacters) - 2);
-  // A new file's mode is set by open, less the umask; an existing target's mode is set exactly
-  // by chmod below, and creating with it first never shows the content to more readers.
-  const unsigned mode = exists ? status.st_mode & 07777U : kNewFileMode;
+  // A new file's mode is set by open, less the umask. For an existing target the file is for
+  // its owner alone until Commit gives it the target's mode, so no one else reads it half
+  // written or holds it open with a mode it was not meant to have.
   for (int attempt = 0; fd < 0 && attempt < kNameAttempts; ++attempt) {
     temporary = base;
     for (std::size_t i = 0; i < kSuffixLength; ++i) {
@@ -115,7 +130,7 @@ AtomicFile::Impl::Impl(const std::string& target, std::unique_ptr<LinuxApiIF> ap
     }
     // O_EXCL never follows a symbolic link planted at the name; O_NOFOLLOW says so twice.
     fd = linuxApi->open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                        static_cast<int>(mode));
+                        static_cast<int>(exists ? kOwnerOnlyMode : kNewFileMode));
     if (fd < 0 && errno != EEXIST) {
       break;
     }
@@ -125,12 +140,31 @@ AtomicFile::Impl::Impl(const std::string& target, std::unique_ptr<LinuxApiIF> ap
         << "cannot create a temporary file beside " << path << ": " << std::strerror(errno);
     throw std::ios_base::failure("AtomicFile cannot create its temporary file");
   }
-  if (exists && linuxApi->chmod(temporary.c_str(), mode) != 0) {
+  if (exists) {
+    KeepOwner(status, link);
+  }
+}
+
+void AtomicFile::Impl::KeepOwner(const struct stat& target, bool link) {
+  // Only root may give a file away; anyone may keep a group they belong to (as cp does).
+  const auto notPermitted = [] { return errno == EPERM || errno == EINVAL; };
+  const bool kept = ::fchown(fd, target.st_uid, target.st_gid) == 0;
+  if (!kept && (!notPermitted() ||
+                (::fchown(fd, static_cast<uid_t>(-1), target.st_gid) != 0 && !notPermitted()))) {
     const int error = errno;
     DRN_LOG(LogLevel::Error, kCategory)
-        << "cannot give " << temporary << " the mode of " << path << ": " << std::strerror(error);
+        << "cannot give " << temporary << " the owner of " << path << ": " << std::strerror(error);
     Discard();
-    throw std::ios_base::failure("AtomicFile cannot set its temporary file's mode");
+    throw std::ios_base::failure("AtomicFile cannot set its temporary file's owner");
+  }
+  mode = static_cast<int>(target.st_mode & 07777U);
+  // Set-ID bits on a file of another owner or group would lend that owner's privileges to the
+  // new content; so would those of a link's target, which whoever made the link chose.
+  if ((!kept || link) && (mode & kSetIdBits) != 0) {
+    mode &= ~kSetIdBits;
+    DRN_LOG(LogLevel::Warning, kCategory)
+        << "the set-user-ID and set-group-ID bits of " << path << " are not kept: "
+        << (link ? "it is a symbolic link" : "its owner and group could not be");
   }
 }
 
@@ -147,6 +181,11 @@ bool AtomicFile::Impl::Write(const char* data, std::size_t count) {
 }
 
 bool AtomicFile::Impl::Replace() {
+  // After the last write, which clears the set-ID bits of a file that an unprivileged caller
+  // writes, and after fchown, which clears them for every caller.
+  if (mode >= 0 && ::fchmod(fd, static_cast<mode_t>(mode)) != 0) {
+    return Fail("setting the mode of " + temporary, errno, false);
+  }
   if (linuxApi->fsync(fd) != 0) {
     return Fail("fsync of " + temporary, errno, false);
   }
@@ -244,9 +283,11 @@ bool AtomicFile::DoCommit() {
         << "nothing to commit for " << state.path << ": already committed, cancelled or failed";
     return false;
   }
-  if (bad()) {
+  // A failed insertion (failbit only, such as a source buffer that gave nothing) lost output
+  // as surely as a bad stream did.
+  if (fail()) {
     setp(nullptr, nullptr);
-    return state.Fail("output that went wrong earlier (the stream is bad)", 0, false);
+    return state.Fail("output that went wrong earlier (the stream has failed)", 0, false);
   }
   const bool drained = Drain();
   setp(nullptr, nullptr);

@@ -243,9 +243,12 @@ DRX_INTERPOSE(, int, chmod, (const char* path, mode_t mode), noexcept, -1, (path
 DRX_INTERPOSE(, int, dup2, (int from, int to), , -1, (from, to))
 DRX_INTERPOSE(DRX_CHILD_SAFE, int, execvp, (const char* file, char* const argv[]), , -1,
               (file, argv))
+DRX_INTERPOSE(, int, fchmod, (int fd, mode_t mode), noexcept, -1, (fd, mode))
+DRX_INTERPOSE(, int, fchown, (int fd, uid_t owner, gid_t group), noexcept, -1, (fd, owner, group))
 DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
 DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
 DRX_INTERPOSE(, off_t, lseek, (int fd, off_t offset, int whence), , -1, (fd, offset, whence))
+DRX_INTERPOSE(, int, lstat, (const char* path, struct stat* buffer), noexcept, -1, (path, buffer))
 DRX_INTERPOSE(, DIR*, opendir, (const char* path), , nullptr, (path))
 DRX_INTERPOSE(, int, pipe2, (int fds[2], int flags), , -1, (fds, flags))
 DRX_INTERPOSE(, int, poll, (pollfd * fds, nfds_t count, int timeout), , -1, (fds, count, timeout))

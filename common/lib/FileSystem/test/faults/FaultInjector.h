@@ -22,8 +22,9 @@ namespace drn::faults {
 #define DRX_FAULT_FUNCTIONS(X)                                                                     \
   X(access, ENOENT, EACCES, EIO) X(chmod, EPERM, EIO) X(clone, EAGAIN, ENOMEM)                     \
   X(close, EIO, EINTR) X(closedir, EIO) X(dup2, EINTR, EMFILE, EBUSY)                              \
-  X(dup3, EINTR, EMFILE, EBUSY) X(execvp, ENOENT, EACCES, ENOMEM) X(fcntl, EINVAL)                 \
-  X(fork, EAGAIN, ENOMEM) X(fsync, EIO, ENOSPC, EINTR) X(lseek, EINVAL, EOVERFLOW)                 \
+  X(dup3, EINTR, EMFILE, EBUSY) X(execvp, ENOENT, EACCES, ENOMEM) X(fchmod, EPERM, EIO)            \
+  X(fchown, EPERM, EINVAL, EIO) X(fcntl, EINVAL) X(fork, EAGAIN, ENOMEM)                           \
+  X(fsync, EIO, ENOSPC, EINTR) X(lseek, EINVAL, EOVERFLOW) X(lstat, EACCES, EIO, ENOMEM)           \
   X(memfd_create, EMFILE, ENOMEM) X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO)                      \
   X(opendir, EACCES, EMFILE, ENOMEM) X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE)        \
   X(poll, EINTR, ENOMEM) X(prctl, EINVAL) X(read, EIO, EINTR, EAGAIN) X(readdir, EIO)              \

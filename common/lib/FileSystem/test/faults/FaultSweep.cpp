@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -514,20 +515,23 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
         const std::string before = existing ? "f=" + kOriginal + ";" : "";
         const std::string after = "f=" + kData + ";";
         Expected expected;
-        if (point.phase == kOpen) {
+        // Only root may give a file away: a caller that may not keeps the file as its own.
+        const bool ownerRefused = point.function == Function::fchown && point.error != EIO;
+        if (point.phase == kOpen && !ownerRefused) {
           // The constructor throws after its record and leaves nothing behind.
-          const std::map<Function, std::pair<std::string, std::string>> failures = {
-              {Function::stat,
-               {"AtomicFile cannot examine its path", "cannot examine " + target + ": "}},
+          // Per failing call: the exception's message, the function that records, the record.
+          const std::map<Function, std::array<std::string, 3>> failures = {
+              {Function::lstat,
+               {"AtomicFile cannot examine its path", "Impl", "cannot examine " + target + ": "}},
               {Function::open,
-               {"AtomicFile cannot create its temporary file",
+               {"AtomicFile cannot create its temporary file", "Impl",
                 "cannot create a temporary file beside " + target + ": "}},
-              {Function::chmod,
-               {"AtomicFile cannot set its temporary file's mode",
-                "cannot give " + temporary + " the mode of " + target + ": "}}};
-          const auto& [message, record] = failures.at(point.function);
+              {Function::fchown,
+               {"AtomicFile cannot set its temporary file's owner", "KeepOwner",
+                "cannot give " + temporary + " the owner of " + target + ": "}}};
+          const auto& [message, function, record] = failures.at(point.function);
           expected.exception = "ios_base::failure (iostream 1): " + message + ": iostream error";
-          expected.records = {FileRecord("Impl", 3, record + Error(point.error))};
+          expected.records = {FileRecord(function, 3, record + Error(point.error))};
           expected.check = Holds(before);
           return expected;
         }
@@ -547,6 +551,9 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
               break;
             case Function::rename:
               step = {"rename of " + temporary + " to " + target, false};
+              break;
+            case Function::fchmod:
+              step = {"setting the mode of " + temporary, false};
               break;
             case Function::open:
               step = {"open of " + directory, true};
