@@ -162,7 +162,7 @@ TEST(DrxfsStopWriteTest, RemovesTheTemporaryFileOfAReplacementInProgress) {
   DrxfsProcess drxfs({"write", "--atomic", settings}, setting);
   ::close(input[0]);
   ASSERT_EQ(::write(input[1], "new", 3), 3);
-  for (int attempt = 0; attempt < 1000 && testing::ListTree(dir.Path()).size() < 2; ++attempt) {
+  for (int attempt = 0; attempt < 6000 && testing::ListTree(dir.Path()).size() < 2; ++attempt) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   ASSERT_EQ(testing::ListTree(dir.Path()).size(), 2u) << "no replacement was started";
