@@ -74,6 +74,14 @@ auto ForPath(const std::string& path, Operation&& operation) -> decltype(operati
 // drxfs itself, by the same signal, so that its caller sees the usual status 128+signal.
 void StopOnSignals();
 
+// Runs action with a stop held off: a stop signal that comes meanwhile ends drxfs after it.
+void HoldingOffStop(const std::function<void()>& action);
+
+// Names the file that a stop removes before it ends drxfs (the temporary file of a replacement in
+// progress), or none with "". Only within HoldingOffStop, together with what makes or ends that
+// file.
+void SetRemovedOnStop(const std::string& path);
+
 // While such a stop is under way, waits for it to end the process instead of returning: a
 // command whose child was killed neither reports that failure nor exits on its own.
 void WaitIfStopping();

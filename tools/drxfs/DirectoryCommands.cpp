@@ -1,5 +1,6 @@
 // drxfs df, du, mkdir and empty: the library's Directory.
 #include <dirent.h>
+#include <fcntl.h>
 #include <mntent.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -8,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -188,21 +190,86 @@ void AddDfCommand(CLI::App& app, Commands& commands) {
        }});
 }
 
+// The directories that a walk could not read: how many, and the first with its reason.
+struct Unreadable {
+  std::uint64_t count = 0;
+  std::string first;
+};
+
+void Note(Unreadable& found, const std::string& path, int error) {
+  if (found.count++ == 0) {
+    found.first = path + ": " + std::strerror(error);
+  }
+}
+
+// Adds the directories below path (and path itself) that the library's size walk cannot read to
+// found. It walks as that walk does, opening each directory by its full path and taking entries
+// by their type, so that what it finds is what the size leaves out. path is extended for each
+// subdirectory and holds its own text again on return.
+void FindUnreadable(std::string& path, Unreadable& found) {
+  DIR* const stream = ::opendir(path.c_str());
+  if (stream == nullptr) {
+    Note(found, path, errno);
+    return;
+  }
+  // A directory that may be read but not searched gives the names of its files, not their sizes.
+  if (::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0) {
+    Note(found, path, errno);
+    ::closedir(stream);
+    return;
+  }
+  const std::string::size_type length = path.size();
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = ::readdir(stream);
+    if (entry == nullptr) {
+      if (errno != 0) {
+        Note(found, path, errno);
+      }
+      break;
+    }
+    if (entry->d_type != DT_DIR || std::strcmp(entry->d_name, ".") == 0 ||
+        std::strcmp(entry->d_name, "..") == 0) {
+      continue;
+    }
+    if (!path.empty() && path.back() != '/') {
+      path += '/';
+    }
+    path += entry->d_name;
+    FindUnreadable(path, found);
+    path.resize(length);
+  }
+  ::closedir(stream);
+}
+
 void AddDuCommand(CLI::App& app, Commands& commands) {
   auto text = std::make_shared<std::string>();
   auto report = std::make_shared<Report>();
   CLI::App* command = app.add_subcommand(
-      "du", "Print the total size of the regular files below DIRECTORY (links not followed)");
+      "du",
+      "Print the total size of the regular files below DIRECTORY (links not followed). When "
+      "subdirectories cannot be read, the size of the rest is printed, a failure line says how "
+      "many could not be read and names the first, and the exit status is 1");
   command->add_option("DIRECTORY", *text, "The directory")->required();
   AddReportOptions(*command, *report, true);
   commands.push_back({command, [text, report] {
                         Require(*text, Expect::Directory);
                         const std::uint64_t size =
                             MakeDirectory(std::make_shared<Path>(*text))->GetDirectorySize();
+                        Unreadable unreadable;
+                        std::string path = *text;
+                        FindUnreadable(path, unreadable);
                         if (report->json) {
                           PrintJson({{"path", JsonName(*text)}, {"bytes", size}});
                         } else {
                           std::cout << FormatSize(size, report->human) << '\n';
+                        }
+                        if (unreadable.count > 0) {
+                          throw Failure(
+                              *text, std::to_string(unreadable.count) +
+                                         (unreadable.count == 1 ? " directory" : " directories") +
+                                         " could not be read and not counted, the first " +
+                                         unreadable.first);
                         }
                       }});
 }

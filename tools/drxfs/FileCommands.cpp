@@ -1,8 +1,12 @@
 // drxfs touch, truncate and size (the library's by-name file helpers), cat and write (File,
 // AtomicFile).
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -93,27 +97,53 @@ void AddCatCommand(CLI::App& app, Commands& commands) {
                       }});
 }
 
-// Copies standard input to output until it ends; a failed write becomes a Failure for path.
-void CopyStandardInput(std::ostream& output, const std::string& path) {
+// What copying standard input did: the bytes copied, and the read error that ended it (0 when
+// the input ended).
+struct Copied {
+  std::uint64_t bytes = 0;
+  int error = 0;
+};
+
+// Copies standard input to output until it ends or cannot be read. It is read with read(2): the
+// standard streams take a read error for the input's end. A failed write becomes a Failure for
+// path.
+Copied CopyStandardInput(std::ostream& output, const std::string& path) {
   std::vector<char> block(kStreamBufferSize);
-  while (std::cin.read(block.data(), kStreamBufferSize) || std::cin.gcount() > 0) {
-    output.write(block.data(), std::cin.gcount());
+  Copied copied;
+  for (;;) {
+    const ssize_t count = ::read(STDIN_FILENO, block.data(), block.size());
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      copied.error = count < 0 ? errno : 0;
+      return copied;
+    }
+    output.write(block.data(), count);
     ThrowOnLibraryError(path);
     if (!output) {
       throw Failure(path, "write failed");
     }
+    copied.bytes += static_cast<std::uint64_t>(count);
   }
-  if (std::cin.bad()) {
-    throw Failure("standard input", "read error");
-  }
+}
+
+// The failure of a write whose input could not be read, and what became of the file.
+Failure InputFailure(const std::string& path, const Copied& copied, bool atomic) {
+  const std::string outcome =
+      atomic || copied.bytes == 0
+          ? "it is left as it was"
+          : "the " + std::to_string(copied.bytes) + " bytes read before were written to it";
+  return Failure(path, Reason("cannot read standard input", copied.error) + "; " + outcome);
 }
 
 // Standard input into the existing file from its first byte; bytes beyond it stay.
 void WriteInPlace(const std::string& text) {
   const Path path(text);
+  Copied copied;
   {
     const auto file = OpenFile(path, true);
-    CopyStandardInput(*file, text);
+    copied = CopyStandardInput(*file, text);
     file->flush();
     ThrowOnLibraryError(text);
     if (!*file) {
@@ -122,13 +152,62 @@ void WriteInPlace(const std::string& text) {
   }
   // Closing can fail too.
   ThrowOnLibraryError(text);
+  if (copied.error != 0) {
+    throw InputFailure(text, copied, false);
+  }
 }
+
+// An AtomicFile whose temporary file a stop removes. It is made, ended (committed, cancelled or
+// dropped) and named to the stop with a stop held off, so that the stop never misses it and never
+// removes a name that is no longer its own.
+class StoppableReplacement {
+ public:
+  explicit StoppableReplacement(const std::string& path) {
+    HoldingOffStop([&] {
+      file = ForPath(path, [&] { return std::make_unique<AtomicFile>(path); });
+      SetRemovedOnStop(file->TemporaryPath());
+    });
+  }
+  ~StoppableReplacement() {
+    End([this] { file.reset(); });
+  }
+  StoppableReplacement(const StoppableReplacement&) = delete;
+  StoppableReplacement& operator=(const StoppableReplacement&) = delete;
+  StoppableReplacement(StoppableReplacement&&) = delete;
+  StoppableReplacement& operator=(StoppableReplacement&&) = delete;
+
+  AtomicFile& Stream() { return *file; }
+
+  bool Commit() {
+    bool committed = false;
+    End([&] { committed = file->Commit(); });
+    return committed;
+  }
+
+  void Cancel() {
+    End([this] { file->Cancel(); });
+  }
+
+ private:
+  void End(const std::function<void()>& ending) {
+    HoldingOffStop([&] {
+      ending();
+      SetRemovedOnStop("");
+    });
+  }
+
+  std::unique_ptr<AtomicFile> file;
+};
 
 // Standard input as the file's whole content, replaced atomically; a failure leaves it as it was.
 void WriteAtomically(const std::string& path) {
-  const auto file = ForPath(path, [&] { return std::make_unique<AtomicFile>(path); });
-  CopyStandardInput(*file, path);
-  if (!file->Commit()) {
+  StoppableReplacement replacement(path);
+  const Copied copied = CopyStandardInput(replacement.Stream(), path);
+  if (copied.error != 0) {
+    replacement.Cancel();
+    throw InputFailure(path, copied, true);
+  }
+  if (!replacement.Commit()) {
     ThrowOnLibraryError(path);
     throw Failure(path, "replacing failed");
   }
@@ -142,11 +221,15 @@ void AddWriteCommand(CLI::App& app, Commands& commands) {
       "Write standard input into FILE. For settings and state files use --atomic: standard "
       "input becomes FILE's whole content, and a power cut leaves the old content or the new. "
       "Without it, standard input is written into the existing FILE from its first byte through "
-      "the library's File with a 64 KiB put area; bytes beyond the input are kept");
+      "the library's File with a 64 KiB put area; bytes beyond the input are kept. Standard "
+      "input that cannot be read (closed, a directory, a connection reset) is a failure: FILE "
+      "is left as it was, except without --atomic after bytes were read, which the failure "
+      "counts");
   command->add_option("FILE", *text, "The file; without --atomic it must exist")->required();
   command->add_flag("--atomic", *atomic,
                     "Replace FILE's whole content through the library's AtomicFile (FILE may be "
-                    "new; an existing FILE keeps its permission bits, not its owner)");
+                    "new; an existing FILE keeps its permission bits, not its owner). A stop "
+                    "signal removes the temporary file of the replacement");
   commands.push_back({command, [text, atomic] {
                         if (*atomic) {
                           WriteAtomically(*text);

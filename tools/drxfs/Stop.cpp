@@ -12,6 +12,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -35,6 +37,12 @@ constexpr auto kSweepInterval = std::chrono::milliseconds(5);
 std::atomic<int> stopSignal{0};
 std::atomic<bool> commandHalted{false};
 std::array<int, 2> wakePipe = {-1, -1};
+
+// Held by the stop from its start to the end of drxfs, and by a command while it makes or ends
+// the file that a stop removes, so that the stop never removes a name that is no longer that
+// file's. A stop waits for it as long as for the processes to end, then ends drxfs without it.
+std::timed_mutex holdOff;
+std::string removedOnStop;  // guarded by holdOff
 
 extern "C" void OnStopSignal(int signal) {
   const int savedErrno = errno;
@@ -112,6 +120,10 @@ void* StopWhenSignalled(void* /*unused*/) {
   while (::read(wakePipe[0], &byte, 1) < 0 && errno == EINTR) {
   }
   const int signal = stopSignal.load();
+  // Once taken, never given back: drxfs ends while the stop holds it.
+  if (holdOff.try_lock_for(kLongestSweep) && !removedOnStop.empty()) {
+    ::unlink(removedOnStop.c_str());
+  }
   EndChildren();
   struct sigaction defaultAction {};
   defaultAction.sa_handler = SIG_DFL;
@@ -148,6 +160,15 @@ void StopOnSignals() {
       ::sigaction(signal, &action, nullptr);
     }
   }
+}
+
+void HoldingOffStop(const std::function<void()>& action) {
+  const std::lock_guard<std::timed_mutex> lock(holdOff);
+  action();
+}
+
+void SetRemovedOnStop(const std::string& path) {
+  removedOnStop = path;
 }
 
 void WaitIfStopping() {

@@ -1,5 +1,9 @@
 // drxfs: the file-system library on the command line, for the people who keep devices running.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -51,6 +55,21 @@ std::string Problem(const CLI::App& failed, const CLI::Error& error) {
     return "unknown command \"" + rest.front() + "\"";
   }
   return error.what();
+}
+
+// Opens /dev/null onto each of descriptors 0 to 2 that is closed, so that nothing drxfs opens
+// later (the stop's pipe, a file) becomes its standard input or output. Standard input gets it
+// write-only and the others read-only: using one still fails as a closed one would (EBADF).
+// False when /dev/null cannot be opened.
+bool TakeClosedStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    // The lower ones are taken by now, so open returns fd itself.
+    if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF &&
+        ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) {
+      return false;
+    }
+  }
+  return true;
 }
 
 int Run(const CLI::App& app, const Command& command) {
@@ -115,6 +134,10 @@ int Main(int argc, char** argv) {
 }  // namespace drn::drxfs
 
 int main(int argc, char** argv) {
+  if (!drn::drxfs::TakeClosedStandardDescriptors()) {
+    std::cerr << "drxfs: /dev/null: cannot open it onto a closed standard descriptor\n";
+    return 1;
+  }
   try {
     return drn::drxfs::Main(argc, argv);
   } catch (const std::exception& error) {

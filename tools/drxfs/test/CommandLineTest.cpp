@@ -131,6 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
         // Reading address 0 of the process fails: a read error is not an end of file.
         FailureCase{{"cat", "/proc/self/mem"}, "/proc/self/mem", "Input/output error"},
         FailureCase{{"write", "/dev/full"}, "/dev/full", "No space left"},
+        FailureCase{{"write", "@/missing"}, "@/missing", "No such file"},
         FailureCase{{"du", "@/file"}, "@/file", "Not a directory"},
         FailureCase{{"du", "@/locked"}, "@/locked", "Permission denied", true},
         FailureCase{{"df", "/proc"}, "/proc", "total size of 0"},

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,8 +34,15 @@ struct DrxfsResult {
 };
 
 // How drxfs is started. It never sees DRX_LOG_LEVEL.
+// As DrxfsSetting::inputDescriptor: drxfs starts with standard input closed.
+constexpr int kClosedInput = -2;
+
+// A run that has not ended after this long hangs, and is killed (status 128 + SIGKILL).
+constexpr int kHangLimitMilliseconds = 120 * 1000;
+
 struct DrxfsSetting {
   std::string input;                    // its standard input
+  int inputDescriptor = -1;             // when not -1, its standard input instead (or kClosedInput)
   std::string stdoutPath;               // where its standard output goes instead of being read
   std::string workingDirectory;         // empty: the test's own
   bool unprivileged = false;            // runs as kUnprivilegedId
@@ -43,6 +52,12 @@ struct DrxfsSetting {
 inline DrxfsSetting WithInput(std::string input) {
   DrxfsSetting setting;
   setting.input = std::move(input);
+  return setting;
+}
+
+inline DrxfsSetting Unprivileged() {
+  DrxfsSetting setting;
+  setting.unprivileged = true;
   return setting;
 }
 
@@ -90,12 +105,13 @@ class DrxfsProcess {
     pid = ::fork();
     if (pid == 0) {
       // Files are opened before privileges go, in a directory only root may write to.
-      const int in = ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC);
+      const int given = setting.inputDescriptor;
+      const int in = given == -1 ? ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC) : given;
       const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
       const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
       const bool ready =
-          in >= 0 && out >= 0 && err >= 0 && ::dup2(in, 0) == 0 && ::dup2(out, 1) == 1 &&
-          ::dup2(err, 2) == 2 &&
+          (given == kClosedInput ? ::close(0) == 0 : in >= 0 && ::dup2(in, 0) == 0) && out >= 0 &&
+          err >= 0 && ::dup2(out, 1) == 1 && ::dup2(err, 2) == 2 &&
           (setting.workingDirectory.empty() || ::chdir(setting.workingDirectory.c_str()) == 0) &&
           (!setting.unprivileged ||
            (::setgroups(0, nullptr) == 0 && ::setgid(kUnprivilegedId) == 0 &&
@@ -123,8 +139,16 @@ class DrxfsProcess {
 
   pid_t Pid() const { return pid; }
 
-  // Waits for drxfs to end and returns what it did.
+  // Waits for drxfs to end, or kills it at kHangLimitMilliseconds, and returns what it did.
   DrxfsResult Wait() {
+    const int ended = pid > 0 ? static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)) : -1;
+    if (ended >= 0) {
+      pollfd event{ended, POLLIN, 0};
+      if (::poll(&event, 1, kHangLimitMilliseconds) == 0) {
+        ::kill(pid, SIGKILL);
+      }
+      ::close(ended);
+    }
     int status = 0;
     while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }

@@ -101,6 +101,11 @@ class DRN_EXPORT AtomicFile : public std::ostream, private std::basic_streambuf<
   /// first Cancel.
   void Cancel() { DoCancel(); }
 
+  /// The temporary file's path: ".NAME.XXXXXX" in path's directory (relative when path is),
+  /// fixed at construction, so that another thread may read it at any time. Until Commit renames
+  /// it, or a failure or Cancel removes it, the file of that name is this replacement's.
+  const std::string& TemporaryPath() const noexcept;
+
  protected:
   /// What Commit does; see Commit.
   virtual bool DoCommit();

@@ -302,6 +302,10 @@ void AtomicFile::DoCancel() {
   }
 }
 
+const std::string& AtomicFile::TemporaryPath() const noexcept {
+  return impl->temporary;
+}
+
 bool AtomicFile::Drain() {
   char* const begin = pbase();
   if (impl->state == Impl::State::Open &&
