@@ -226,10 +226,12 @@ void AddWriteCommand(CLI::App& app, Commands& commands) {
       "is left as it was, except without --atomic after bytes were read, which the failure "
       "counts");
   command->add_option("FILE", *text, "The file; without --atomic it must exist")->required();
-  command->add_flag("--atomic", *atomic,
-                    "Replace FILE's whole content through the library's AtomicFile (FILE may be "
-                    "new; an existing FILE keeps its permission bits, not its owner). A stop "
-                    "signal removes the temporary file of the replacement");
+  command->add_flag(
+      "--atomic", *atomic,
+      "Replace FILE's whole content through the library's AtomicFile (FILE may be "
+      "new; an existing FILE keeps its owner, group and permission bits where drxfs may "
+      "set them, its set-ID bits only then). A stop "
+      "signal removes the temporary file of the replacement");
   commands.push_back({command, [text, atomic] {
                         if (*atomic) {
                           WriteAtomically(*text);
