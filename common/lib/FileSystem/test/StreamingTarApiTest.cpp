@@ -2,10 +2,12 @@
 // with closed standard descriptors or an ignored SIGCHLD.
 #include "StreamingTarApi.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -41,24 +43,21 @@ class StreamingTarApiTest : public testing::TarRunFixture<> {
 
 std::atomic<int> interruptions{0};
 
-// Keeps the reader away from the pipe for a while, and breaks off its poll (which is never
-// restarted), so that the child keeps meeting a full pipe.
-void StallReader(int) {
+// Counts and returns at once: a handler that lingers starves a busy machine's reader.
+void CountInterruption(int) {
   ++interruptions;
-  const timespec pause{0, 1'000'000};
-  ::nanosleep(&pause, nullptr);
 }
 
-TEST_F(StreamingTarApiTest, CapturesMegabytesWholeWhenTheReaderIsSlowAndInterrupted) {
+TEST_F(StreamingTarApiTest, CapturesMegabytesWholeWhenInterrupted) {
   // Megabytes of every byte value in a period that no pipe or read size divides, written twice
-  // with a pause between, which leaves the reader waiting in poll when the signals come.
+  // with a pause between, which leaves the runner waiting when the signals come.
   std::string payload(4 << 20, '\0');
   for (std::size_t i = 0; i < payload.size(); ++i) {
     payload[i] = static_cast<char>(i * 7 % 257);
   }
   const std::string file = "'" + programs.Dir().WriteFile("payload", payload) + "'";
   programs.AddScript("tar", "cat " + file + "; sleep 0.05; cat " + file);
-  const auto previous = std::signal(SIGALRM, StallReader);
+  const auto previous = std::signal(SIGALRM, CountInterruption);
   const itimerval every2ms{{0, 2000}, {0, 2000}};
   ASSERT_EQ(::setitimer(ITIMER_REAL, &every2ms, nullptr), 0);
   const auto [output, status] = StreamingTarApi().RunCmd(args);
@@ -263,6 +262,91 @@ TEST_F(StreamingTarApiTest, OutputReachesThePipeWhenTheCallerHasStandardDescript
               }),
               0)
         << "closed from " << firstClosed;
+  }
+}
+
+// A worker forked without exec by another thread while tar runs holds a copy of every descriptor
+// the runner has open, until the test lets it go after RunCmd has returned: the time-out must
+// still end the run.
+TEST_F(StreamingTarApiTest, TimeOutHoldsWhileAForkedWorkerHoldsTheRunnersDescriptors) {
+  const std::string started = programs.Dir() / "started";
+  programs.AddScript("tar", ": > '" + started + "'; exec sleep 30");
+  EXPECT_EQ(testing::RunInChild([&] {
+              ::alarm(20);
+              int release[2];
+              if (::pipe(release) != 0) {
+                return false;
+              }
+              pid_t worker = -1;
+              std::thread forker([&] {
+                while (::access(started.c_str(), F_OK) != 0) {
+                  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+                worker = ::fork();
+                if (worker == 0) {
+                  char byte = 0;
+                  ::close(release[1]);
+                  ::_exit(static_cast<int>(::read(release[0], &byte, 1)));
+                }
+              });
+              const auto start = std::chrono::steady_clock::now();
+              std::string thrown;
+              try {
+                StreamingTarApi(std::chrono::milliseconds(500)).RunCmd(args);
+              } catch (const std::runtime_error& error) {
+                thrown = error.what();
+              }
+              const auto took = std::chrono::steady_clock::now() - start;
+              forker.join();
+              ::close(release[1]);
+              return worker > 0 && ::waitpid(worker, nullptr, 0) == worker &&
+                     thrown == "tar timed out" && took < std::chrono::seconds(3);
+            }),
+            0);
+}
+
+// Each step of starting tar that fails is recorded as itself, with its errno text; a tar that
+// could not be executed keeps status 255 but is not taken for a tar that returned 255.
+TEST_F(StreamingTarApiTest, EachFailedStepOfTheStartIsRecordedAsItself) {
+  const auto leaveFourDescriptors = [] {
+    const rlimit limit{64, 64};
+    std::vector<int> opened;
+    for (int fd = 0; ::setrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+                     (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+      opened.push_back(fd);
+    }
+    for (int i = 0; i < 4 && !opened.empty(); ++i, opened.pop_back()) {
+      ::close(opened.back());
+    }
+    return opened.size() > 4;
+  };
+  const auto noProcesses = [] {
+    const rlimit none{0, 0};
+    return ::setrlimit(RLIMIT_NPROC, &none) == 0;
+  };
+  const std::string onlyFakes = programs.Dir().Path();
+  const auto noTar = [&] { return ::setenv("PATH", onlyFakes.c_str(), 1) == 0; };
+  const struct {
+    std::function<bool()> setUp;
+    int status;
+    std::string record;
+  } cases[] = {
+      {noTar, 255, "execvp failed for tar -tf a.tar: " + std::string(std::strerror(ENOENT))},
+      {leaveFourDescriptors, -EMFILE,
+       "socketpair failed for tar -tf a.tar: " + std::string(std::strerror(EMFILE))},
+      {noProcesses, -EAGAIN,
+       "clone failed for tar -tf a.tar: " + std::string(std::strerror(EAGAIN))},
+  };
+  for (const auto& [setUp, status, record] : cases) {
+    EXPECT_EQ(testing::RunUnprivileged([&] {
+                const testing::LogCapture childLog;
+                std::vector<std::string> listArgs = {"-tf", "a.tar"};
+                return setUp() &&
+                       StreamingTarApi().RunCmd(listArgs) == std::make_pair(""s, status) &&
+                       Described(childLog.Records()) == Lines{"RunCmd 3/0x8027: " + record};
+              }),
+              0)
+        << record;
   }
 }
 

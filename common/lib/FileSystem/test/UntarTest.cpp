@@ -121,5 +121,20 @@ TEST_P(UntarArchiveTest, ListsAndExtractsARealArchive) {
 INSTANTIATE_TEST_SUITE_P(Runners, UntarArchiveTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Streaming" : "Default"; });
 
+// GNU tar warns on standard error about absolute member names: the streaming runner keeps the
+// warning out of the listing and logs it.
+TEST(UntarStreamingTest, ListingHoldsNamesOnlyAndTarsWarningIsLogged) {
+  const testing::TempDir dir;
+  const std::string member = dir.WriteFile("absolute.txt", "x");
+  const std::string archive = dir / "absolute.tar";
+  ASSERT_EQ(std::system(("tar -cPf '" + archive + "' '" + member + "'").c_str()), 0);
+  const testing::LogCapture log;
+  Untar untar(std::make_shared<Path>(archive), std::make_shared<StreamingTarApi>());
+  EXPECT_THAT(untar.FileList(), ElementsAre(member));
+  EXPECT_THAT(Described(log.Records()),
+              ElementsAre("RunCmd 4/0x8027: tar wrote on standard error: tar: Removing leading "
+                          "`/' from member names\n"));
+}
+
 }  // namespace
 }  // namespace drn

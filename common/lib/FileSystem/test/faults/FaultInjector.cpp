@@ -245,6 +245,7 @@ DRX_INTERPOSE(DRX_CHILD_SAFE, int, execvp, (const char* file, char* const argv[]
               (file, argv))
 DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
 DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
+DRX_INTERPOSE(, int, kill, (pid_t pid, int signal), noexcept, -1, (pid, signal))
 DRX_INTERPOSE(, off_t, lseek, (int fd, off_t offset, int whence), , -1, (fd, offset, whence))
 DRX_INTERPOSE(, DIR*, opendir, (const char* path), , nullptr, (path))
 DRX_INTERPOSE(, int, pipe2, (int fds[2], int flags), , -1, (fds, flags))
@@ -320,6 +321,7 @@ DRX_CHILD_SAFE long syscall(long number, ...) noexcept {
                             : number == SYS_memfd_create ? Function::memfd_create
                             : number == SYS_pidfd_open   ? Function::pidfd_open
                             : number == SYS_prctl        ? Function::prctl
+                            : number == SYS_signalfd4    ? Function::signalfd
                                                          : Function::count;
   return function != Function::count && Intercept(function, DRX_RETURN_ADDRESS)
              ? -1
