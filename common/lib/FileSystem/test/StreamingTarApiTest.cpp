@@ -268,6 +268,7 @@ TEST_F(StreamingTarApiTest, EachFailedStepOfTheStartIsRecordedAsItself) {
   };
   for (const auto& [setUp, error, call] : cases) {
     EXPECT_EQ(testing::RunUnprivileged([&] {
+                ::alarm(20);
                 const testing::LogCapture childLog;
                 std::vector<std::string> listArgs = {"-tf", "a.tar"};
                 return setUp() &&
