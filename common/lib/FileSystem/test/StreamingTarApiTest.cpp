@@ -252,7 +252,8 @@ TEST_F(StreamingTarApiTest, EachFailedStepOfTheStartIsRecordedAsItself) {
       {[] {
          const rlimit limit{64, 64};
          std::vector<int> opened;
-         for (int fd = 0; ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && (fd = ::dup(0)) >= 0;) {
+         for (int fd = 0; ::setrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+                          (fd = ::open("/dev/null", O_RDONLY)) >= 0;) {
            opened.push_back(fd);
          }
          return opened.size() > 4 && ::close(opened.end()[-1]) == 0 &&
