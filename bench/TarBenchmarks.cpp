@@ -84,6 +84,12 @@ const Archive& LargeArchive() {
   return archive;
 }
 
+// 100,001 entries: the top directory, 200 directories in it and 499 files in each of those.
+const Archive& HugeArchive() {
+  static const Archive archive = MakeArchive("huge", 200, 499);
+  return archive;
+}
+
 // 300 files in 12 directories: a listing as a device program makes it.
 const Archive& ThreeHundredArchive() {
   static const Archive archive = MakeArchive("three_hundred", 12, 25);
@@ -249,6 +255,8 @@ void RegisterTarBenchmarks() {
   RegisterList("FileList/popen_tar", SmallArchive, Lister::Popen);
   RegisterList("FileList50k/StreamingTarApi", LargeArchive, Lister::StreamingRunner);
   RegisterList("FileList50k/popen_tar", LargeArchive, Lister::Popen);
+  RegisterList("FileList100k/StreamingTarApi", HugeArchive, Lister::StreamingRunner);
+  RegisterList("FileList100k/popen_tar", HugeArchive, Lister::Popen);
   constexpr std::size_t kGiB = std::size_t{1} << 30;
   for (const auto& [name, lister, resident] :
        {std::tuple("FileList300/TarApi", Lister::TarApiRunner, std::size_t{0}),

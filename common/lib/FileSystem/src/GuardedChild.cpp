@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <ctime>
+#include <utility>
 
 #if __has_include(<valgrind/valgrind.h>)
 #include <valgrind/valgrind.h>
@@ -51,9 +53,20 @@ struct KernelSigaction {
   unsigned long mask;
 };
 
+// What the intermediate tells the caller once the program runs or could not be started: the
+// step that failed (an index into kStepCalls, 0 when none did) and its errno.
+struct StartReport {
+  int step;
+  int error;
+};
+constexpr const char* kStepCalls[] = {nullptr, "clone", "dup3", "execvp"};
+enum Step : int { kRunning = 0, kClone = 1, kRedirect = 2, kExecute = 3 };
+
 struct ProgramLaunch {
   const GuardedChild::Launch* launch;
   long intermediate;
+  // Filled by the program when it cannot be executed; it shares the intermediate's memory.
+  StartReport failure;
 };
 
 [[noreturn]] DRN_CHILD_CODE void ExitGroup(int status) {
@@ -70,23 +83,29 @@ DRN_CHILD_CODE void DieWithParent(long parent) {
   }
 }
 
-// The program: standard output and standard error onto the pipe, the caller's signal mask,
-// then exec. The intermediate is suspended until then; the caller waits for it to go on.
+// The program: standard output and standard error onto their pipes, the caller's signal mask,
+// then exec. The intermediate is suspended until then; the caller waits for it to go on. errno
+// is the calling thread's, which waits meanwhile.
 DRN_CHILD_CODE int RunProgram(void* argument) {
-  const auto& programLaunch = *static_cast<const ProgramLaunch*>(argument);
+  auto& programLaunch = *static_cast<ProgramLaunch*>(argument);
   const GuardedChild::Launch& launch = *programLaunch.launch;
   DieWithParent(programLaunch.intermediate);
-  for (const int target : {STDOUT_FILENO, STDERR_FILENO}) {
+  // The output pipe's write end is made first, so it never has the number 2 while the error
+  // pipe's has 1: copying the output onto 1 first never overwrites the other.
+  for (const auto& [from, target] :
+       {std::pair{launch.outputFd, STDOUT_FILENO}, std::pair{launch.errorFd, STDERR_FILENO}}) {
     // The pipe may have been given this very number (the caller had it closed); dup3 refuses
     // to copy onto itself, so clear close-on-exec instead.
-    const long result = launch.outputFd == target ? ::syscall(SYS_fcntl, target, F_SETFD, 0)
-                                                  : ::syscall(SYS_dup3, launch.outputFd, target, 0);
+    const long result = from == target ? ::syscall(SYS_fcntl, target, F_SETFD, 0)
+                                       : ::syscall(SYS_dup3, from, target, 0);
     if (result < 0) {
+      programLaunch.failure = {kRedirect, errno};
       ExitGroup(kCouldNotRun);
     }
   }
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &launch.callerMask, nullptr, kKernelSigsetSize);
   ::execvp(launch.program, launch.argv);
+  programLaunch.failure = {kExecute, errno};
   ExitGroup(kCouldNotRun);
 }
 
@@ -108,37 +127,49 @@ DRN_CHILD_CODE void ResetSignalHandlers() {
   }
 }
 
-// The intermediate: starts the program, tells the caller it runs (one byte on the socket it
-// shares with the caller), waits for it, killing it with SIGKILL when the caller closes its end
-// of the socket (or dies), and reports its wait status there. errno is the calling thread's:
-// after the first byte, the only failure these calls can leave in it is EINTR, which the
-// caller's loops take for what it is.
+// The intermediate: starts the program, tells the caller whether it runs (a StartReport on the
+// socket it shares with the caller), waits for it, killing it with SIGKILL when the caller sends
+// SIGTERM (or closes its end of the socket, or dies), and reports its wait status there. The
+// request is a signal because a process forked from the caller may hold a copy of the caller's
+// end of the socket, which then never closes. errno is the calling thread's: after the report,
+// the only failure these calls can leave in it is EINTR, which the caller's loops take for what
+// it is.
 DRN_CHILD_CODE int RunIntermediate(void* argument) {
   const auto& launch = *static_cast<const GuardedChild::Launch*>(argument);
   DieWithParent(launch.callerPid);
   ResetSignalHandlers();
   ::syscall(SYS_close, launch.callerEnd);
-  ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid)};
+  ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid), {kRunning, 0}};
   const long program =
       __clone(RunProgram, launch.programStack, CLONE_VM | CLONE_VFORK | SIGCHLD, &programLaunch);
   if (program < 0) {
+    const StartReport failed{kClone, errno};
+    ::syscall(SYS_write, launch.reportFd, &failed, sizeof failed);
     ExitGroup(kCouldNotRun);
   }
   // Nobody else can reap the program, so its number cannot name another process yet.
   const long programEnd = ::syscall(SYS_pidfd_open, program, 0);
-  const char started = 1;
-  ::syscall(SYS_write, launch.reportFd, &started, 1);
+  // SIGTERM, blocked here since the start, is read from a descriptor; without one it is let
+  // through, and its default action ends the intermediate, whose end kills the program.
+  const unsigned long stopRequest = 1UL << (SIGTERM - 1);
+  const long stopFd = ::syscall(SYS_signalfd4, -1, &stopRequest, kKernelSigsetSize, 0);
+  if (stopFd < 0) {
+    ::syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &stopRequest, nullptr, kKernelSigsetSize);
+  }
+  ::syscall(SYS_write, launch.reportFd, &programLaunch.failure, sizeof programLaunch.failure);
   ::syscall(SYS_close, launch.outputFd);
+  ::syscall(SYS_close, launch.errorFd);
 
-  pollfd events[] = {{launch.reportFd, POLLIN, 0}, {static_cast<int>(programEnd), POLLIN, 0}};
+  pollfd events[] = {{launch.reportFd, POLLIN, 0},
+                     {static_cast<int>(stopFd), POLLIN, 0},
+                     {static_cast<int>(programEnd), POLLIN, 0}};
   // Without a pidfd (a kernel before 5.3) the program's end is looked for every 10 ms.
   const bool watched = programEnd >= 0;
   const timespec tick{0, 10'000'000};
   int status = 0;
   for (;;) {
-    ::syscall(SYS_ppoll, events, watched ? 2 : 1, watched ? nullptr : &tick, nullptr,
-              kKernelSigsetSize);
-    if (events[0].revents != 0) {
+    ::syscall(SYS_ppoll, events, 3, watched ? nullptr : &tick, nullptr, kKernelSigsetSize);
+    if (events[0].revents != 0 || events[1].revents != 0) {
       ::syscall(SYS_kill, program, SIGKILL);
       ::syscall(SYS_wait4, program, &status, 0, nullptr);
       ExitGroup(0);
@@ -173,20 +204,32 @@ struct GuardedChild::Stacks {
 };
 
 std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* const argv[],
-                                                  int outputFd) {
+                                                  int outputFd, int errorFd, Failure& failure) {
+  const auto failed = [&failure](const char* call, int error) {
+    failure = {call, error};
+    errno = error;
+    return nullptr;
+  };
   std::unique_ptr<GuardedChild> child(new GuardedChild());
   child->stacks = std::make_unique<Stacks>();
   if (child->stacks->base == MAP_FAILED) {
-    return nullptr;
+    return failed("mmap", errno);
   }
   int fds[2] = {-1, -1};
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
-    return nullptr;
+    return failed("socketpair", errno);
   }
   child->report.Reset(fds[0]);
   Descriptor intermediateEnd(fds[1]);
-  child->launch = Launch{program, argv,       outputFd, intermediateEnd.Get(),
-                         fds[0],  ::getpid(), {},       child->stacks->ProgramTop()};
+  child->launch = Launch{program,
+                         argv,
+                         outputFd,
+                         errorFd,
+                         intermediateEnd.Get(),
+                         fds[0],
+                         ::getpid(),
+                         {},
+                         child->stacks->ProgramTop()};
 
   // Until the program has been executed, no handler of the caller may run (in the intermediate
   // it would run in the caller's memory) and the calling thread leaves errno to the children.
@@ -206,22 +249,37 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
         __clone(RunIntermediate, child->stacks->IntermediateTop(), SIGCHLD, &child->launch);
   }
   int error = errno;
+  const char* call = "clone";
   intermediateEnd.Close();
   if (child->intermediate > 0) {
-    // Every signal is blocked, so nothing interrupts this: a byte once the program runs, end of
-    // file when the intermediate ended without starting it. A read that fails would leave the
-    // byte to be taken for the program's status, so the program is given up instead.
-    char started = 0;
-    if (RetryOnEintr([&] { return ::read(child->report.Get(), &started, 1); }) < 0) {
+    // Every signal is blocked, so nothing interrupts this: the report once the program runs or
+    // could not be made, end of file when the intermediate ended without a word. A read that
+    // fails would leave the report to be taken for the program's status, so the program is
+    // given up instead.
+    StartReport started{kRunning, 0};
+    const ssize_t count =
+        RetryOnEintr([&] { return ::read(child->report.Get(), &started, sizeof started); });
+    const bool whole = count == static_cast<ssize_t>(sizeof started) && started.step >= 0 &&
+                       started.step <= kExecute;
+    if (count < 0) {
       error = errno;
+      call = "read";
       child->Kill();
+    } else if (whole && started.step == kClone) {
+      // The intermediate ends at once, having nothing to wait for.
+      error = started.error;
+      RetryOnEintr([&] { return ::waitpid(child->intermediate, nullptr, __WALL); });
+      child->intermediate = -1;
+    } else if (whole && started.step != kRunning) {
+      child->programFailure = {kStepCalls[started.step], started.error};
     }
   }
   ::pthread_sigmask(SIG_SETMASK, &child->launch.callerMask, nullptr);
   if (child->intermediate < 0) {
-    errno = error;
-    return nullptr;
+    return failed(call, error);
   }
+  // Its number is ours until we wait for it, so the descriptor names the right process.
+  child->end.Reset(static_cast<int>(::syscall(SYS_pidfd_open, child->intermediate, 0)));
   return child;
 }
 
@@ -259,8 +317,12 @@ GuardedChild::Wait GuardedChild::TryWait(bool block, int& status) {
 
 void GuardedChild::Kill() {
   if (intermediate > 0) {
-    // Closing the caller's end asks the intermediate to kill the program.
-    report.Reset(-1);
+    // The intermediate kills and reaps the program when asked by SIGTERM, and ends. Its number
+    // is ours until we wait for it, so the signal reaches no other process. Closing the
+    // caller's end of the socket asks too, where no copy of it is held elsewhere.
+    if (::kill(intermediate, SIGTERM) != 0) {
+      report.Reset(-1);
+    }
     RetryOnEintr([this] { return ::waitpid(intermediate, nullptr, __WALL); });
     intermediate = -1;
   }

@@ -247,6 +247,7 @@ DRX_INTERPOSE(, int, fchmod, (int fd, mode_t mode), noexcept, -1, (fd, mode))
 DRX_INTERPOSE(, int, fchown, (int fd, uid_t owner, gid_t group), noexcept, -1, (fd, owner, group))
 DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
 DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
+DRX_INTERPOSE(, int, kill, (pid_t pid, int signal), noexcept, -1, (pid, signal))
 DRX_INTERPOSE(, off_t, lseek, (int fd, off_t offset, int whence), , -1, (fd, offset, whence))
 DRX_INTERPOSE(, int, lstat, (const char* path, struct stat* buffer), noexcept, -1, (path, buffer))
 DRX_INTERPOSE(, DIR*, opendir, (const char* path), , nullptr, (path))
@@ -323,6 +324,7 @@ DRX_CHILD_SAFE long syscall(long number, ...) noexcept {
                             : number == SYS_memfd_create ? Function::memfd_create
                             : number == SYS_pidfd_open   ? Function::pidfd_open
                             : number == SYS_prctl        ? Function::prctl
+                            : number == SYS_signalfd4    ? Function::signalfd
                                                          : Function::count;
   return function != Function::count && Intercept(function, DRX_RETURN_ADDRESS)
              ? -1

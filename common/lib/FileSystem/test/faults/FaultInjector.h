@@ -16,19 +16,21 @@ namespace drn::faults {
 
 // The interposed functions, in the order of their names, each with the errnos the sweep fails
 // it with: those it really returns that a caller must survive. clone is glibc's __clone; dup3,
-// memfd_create, pidfd_open and prctl are the system calls of those numbers made through syscall,
-// which counts no other number.
+// memfd_create, pidfd_open, prctl and signalfd (signalfd4) are the system calls of those numbers
+// made through syscall, which counts no other number.
 // clang-format off
 #define DRX_FAULT_FUNCTIONS(X)                                                                     \
   X(access, ENOENT, EACCES, EIO) X(chmod, EPERM, EIO) X(clone, EAGAIN, ENOMEM)                     \
   X(close, EIO, EINTR) X(closedir, EIO) X(dup2, EINTR, EMFILE, EBUSY)                              \
   X(dup3, EINTR, EMFILE, EBUSY) X(execvp, ENOENT, EACCES, ENOMEM) X(fchmod, EPERM, EIO)            \
   X(fchown, EPERM, EINVAL, EIO) X(fcntl, EINVAL) X(fork, EAGAIN, ENOMEM)                           \
-  X(fsync, EIO, ENOSPC, EINTR) X(lseek, EINVAL, EOVERFLOW) X(lstat, EACCES, EIO, ENOMEM)           \
+  X(fsync, EIO, ENOSPC, EINTR) X(kill, EPERM) X(lseek, EINVAL, EOVERFLOW)                          \
+  X(lstat, EACCES, EIO, ENOMEM)                                                                    \
   X(memfd_create, EMFILE, ENOMEM) X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO)                      \
   X(opendir, EACCES, EMFILE, ENOMEM) X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE)        \
   X(poll, EINTR, ENOMEM) X(prctl, EINVAL) X(read, EIO, EINTR, EAGAIN) X(readdir, EIO)              \
-  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(socketpair, EMFILE, ENFILE)       \
+  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(signalfd, EMFILE, ENOMEM)       \
+  X(socketpair, EMFILE, ENFILE)                                                                    \
   X(stat, EACCES, EIO, ENOMEM) X(statfs, EACCES, EIO, EINTR) X(syncfs, EIO, ENOSPC)                \
   X(system, EAGAIN, ENOMEM) X(waitpid, EINTR, ECHILD) X(write, EIO, ENOSPC, EINTR)
 // clang-format on

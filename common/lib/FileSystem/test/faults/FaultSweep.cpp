@@ -6,6 +6,7 @@
 // writes the per-operation table (calls, points, errnos) in Markdown.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -762,12 +763,12 @@ std::string Joined(const std::vector<std::string>& names) {
 }
 
 // What a point among a runner's calls does to a run: nothing (a retried EINTR or EAGAIN, a
-// missing pidfd or parent-death request, which the streaming runner does without), a failure of
-// the runner's own (its status and records, or the wait's exception, after which the child is
-// left for nobody to reap, as the contract has it), a failed close's record, or output that ends
-// early. TarApi reads a byte at a time and stops at a failed read, before that byte; after a
-// failed poll or read the streaming runner stops reading and closes its end, and tar, when it had
-// more to write, fails.
+// missing pidfd, parent-death request or larger pipe, a poll that only brings a drain forward,
+// which the streaming runner does without), a failure of the runner's own (its status and
+// records, or the wait's exception, after which the child is left for nobody to reap, as the
+// contract has it), a failed close's record, or output that ends early. TarApi reads a byte at
+// a time and stops at a failed read, before that byte; after a failed read the streaming runner
+// stops reading and closes its end, and tar, when it had more to write, fails.
 struct RunnerFailure {
   int status = 0;
   std::vector<std::string> records;
@@ -782,57 +783,83 @@ struct RunnerEffect {
   bool mayNotFire = false;
 };
 
-RunnerEffect EffectOf(const Point& point, const std::string& ranArgs, bool streaming, bool timed) {
+// ran: the arguments tar runs with, "tar" first.
+RunnerEffect EffectOf(const Point& point, const std::vector<std::string>& ran, bool streaming,
+                      bool timed) {
   RunnerEffect effect;
   const int error = point.error;
-  const RunnerFailure notStarted{-error, {TarRecord("RunCmd", "Failed to fork: " + ranArgs)}};
+  std::string together;
+  std::string spaced;
+  for (const std::string& arg : ran) {
+    together += arg;
+    spaced += (spaced.empty() ? "" : " ") + arg;
+  }
+  // The streaming runner names the step of the start that failed.
+  const auto failedStep = [&](const char* call, int status) {
+    return RunnerFailure{
+        status,
+        {TarRecord("RunCmd", std::string(call) + " failed for " + spaced + ": " + Error(error))}};
+  };
+  const RunnerFailure notStarted{-error, {TarRecord("RunCmd", "Failed to fork: " + together)}};
   const RunnerFailure notRun{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
   const RunnerFailure waitFailed{
       0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
   const std::string closeFailed = "failed to close pipe: " + std::to_string(error);
+  const RunnerFailure noPipe{-error,
+                             {TarRecord("RunCmd", "failed to pipe: " + std::to_string(error))}};
   switch (point.function) {
     case Function::pipe2:
+      effect.failure = noPipe;
+      break;
     case Function::fcntl:
-      effect.failure = {-error, {TarRecord("RunCmd", "failed to pipe: " + std::to_string(error))}};
+      // The streaming runner's third asks for a larger output pipe, which it can do without.
+      if (point.inPhase <= 2) {
+        effect.failure = noPipe;
+      }
       break;
     case Function::fork:
-    case Function::socketpair:
       effect.failure = notStarted;
+      break;
+    case Function::socketpair:
+      effect.failure = failedStep("socketpair", -error);
       break;
     case Function::clone:
       // The first makes the intermediate; the second, made by it, is tar's process.
-      effect.failure = point.inPhase == 1 ? notStarted : notRun;
+      effect.failure = failedStep("clone", -error);
       break;
     case Function::dup2:
-    case Function::dup3:
-    case Function::execvp:
       effect.failure = notRun;
       break;
+    case Function::dup3:
+      effect.failure = failedStep("dup3", 255);
+      break;
+    case Function::execvp:
+      effect.failure = streaming ? failedStep("execvp", 255) : notRun;
+      break;
     case Function::close:
-      // The streaming runner closes the pipe's two ends with a record, and the socket's, which
+      // The streaming runner closes the pipes' four ends with a record, and the socket's, which
       // carry no output, without.
       if (!streaming) {
         effect.records = {TarRecord("ClosePipe", closeFailed)};
-      } else if (point.inPhase == 2 || point.inPhase == 3) {
+      } else if (point.inPhase >= 2 && point.inPhase <= 5) {
         effect.records = {TarRecord("RunCmd", closeFailed)};
       }
       break;
     case Function::poll:
-      effect.cut = error != EINTR;
       effect.mayNotFire = true;
       break;
     case Function::read:
       if (!streaming) {
         effect.cutAt = static_cast<std::size_t>(point.call - 1);
       } else if (point.inPhase == 1) {
-        // The byte that says tar runs: without it, nothing is known of tar, which is killed.
+        // The report that says tar runs: without it, nothing is known of tar, which is killed.
         if (error != EINTR) {
-          effect.failure = notStarted;
+          effect.failure = failedStep("read", -error);
         }
       } else {
         // Reads of the output, then the one of tar's status: their number depends on timing.
         // The status read fails the wait; a read of the output ends it early, or, with EAGAIN,
-        // waits for more.
+        // waits for the next drain.
         effect.cut = error != EINTR;
         effect.mayNotFire = true;
         if (error != EINTR) {
@@ -917,7 +944,7 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
       [streaming, timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&) {
         const std::string archive = tarFails ? MissingArchive() : Archive();
         const std::string output = baseline.result.substr(0, baseline.result.find('|'));
-        const RunnerEffect effect = EffectOf(point, "tar-tf" + archive, streaming, timed);
+        const RunnerEffect effect = EffectOf(point, {"tar", "-tf", archive}, streaming, timed);
         Expected expected;
         expected.mayNotFire = effect.mayNotFire;
         if (effect.cut || (effect.failure && effect.mayNotFire)) {
@@ -951,6 +978,47 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
   return operation;
 }
 
+// The streaming runner listing a FIFO that nobody writes to: tar waits in its open until the
+// time-out has it killed, which no fault may turn into a wait for ever.
+Operation RunCmdTimesOut() {
+  Operation operation{
+      "StreamingTarApi::RunCmd, tar hangs",
+      [](const TempDir& dir, Outcome& out) {
+        const std::string fifo = dir / "fifo.tar";
+        ::mkfifo(fifo.c_str(), 0600);
+        std::vector<std::string> args = {"-tf", fifo};
+        StreamingTarApi runner(std::chrono::milliseconds(100));
+        SetPhase(kUse);
+        try {
+          const auto [output, status] = runner.RunCmd(args);
+          out.result = output + "|" + std::to_string(status);
+        } catch (const std::runtime_error& error) {
+          out.result = std::string("threw ") + error.what();
+        }
+      },
+      [](const Point& point, const Outcome&, const TempDir& dir) {
+        const std::string fifo = dir / "fifo.tar";
+        const RunnerEffect effect = EffectOf(point, {"tar", "-tf", fifo}, true, true);
+        Expected expected;
+        // The drains' reads and polls, and the waits for tar, come as often as time allows.
+        expected.mayNotFire = effect.mayNotFire || point.function == Function::read ||
+                              point.function == Function::waitpid;
+        expected.childMayRemain = point.function == Function::waitpid;
+        if (effect.failure && !effect.failure->throws) {
+          expected.result = "|" + std::to_string(effect.failure->status);
+          expected.records = effect.failure->records;
+          return expected;
+        }
+        expected.result = "threw tar timed out";
+        expected.records = effect.records;
+        expected.records.push_back(
+            TarRecord("RunCmd", "tar timed out after 100 ms and was killed: tar -tf " + fifo));
+        return expected;
+      }};
+  operation.failsWithoutFaults = true;
+  return operation;
+}
+
 // Expectations shared by the Untar operations for a failed archive check at construction.
 std::optional<Expected> UntarConstructionFailure(const Point& point) {
   if (point.phase == kOpen && point.function == Function::access && point.inPhase == 1 &&
@@ -972,59 +1040,60 @@ Untar UntarOf(bool streaming) {
 
 // Untar::FileList through either runner.
 Operation FileList(bool streaming) {
-  return {std::string("Untar::FileList") + (streaming ? ", streaming" : ""),
-          [streaming](const TempDir&, Outcome& out) {
-            SetPhase(kOpen);
-            Untar untar = UntarOf(streaming);
-            SetPhase(kUse);
-            out.result = Joined(untar.FileList());
-          },
-          [streaming](const Point& point, const Outcome& baseline, const TempDir&) {
-            if (auto failure = UntarConstructionFailure(point)) {
-              return *failure;
+  return {
+      std::string("Untar::FileList") + (streaming ? ", streaming" : ""),
+      [streaming](const TempDir&, Outcome& out) {
+        SetPhase(kOpen);
+        Untar untar = UntarOf(streaming);
+        SetPhase(kUse);
+        out.result = Joined(untar.FileList());
+      },
+      [streaming](const Point& point, const Outcome& baseline, const TempDir&) {
+        if (auto failure = UntarConstructionFailure(point)) {
+          return *failure;
+        }
+        const RunnerEffect effect = EffectOf(point, {"tar", "-tf", Archive()}, streaming, false);
+        const std::string output = "one\ndir/\ndir/two\n";
+        Expected expected;
+        expected.mayNotFire = effect.mayNotFire;
+        if (effect.cut) {
+          // The names of some beginning of the output; or, when tar failed to write the rest,
+          // none and both records; or the wait's failure.
+          expected.checkDecides = true;
+          expected.check = [output, effect](const Outcome& got) {
+            if (WaitFailed(got, effect)) {
+              return std::string();
             }
-            const RunnerEffect effect = EffectOf(point, "tar-tf" + Archive(), streaming, false);
-            const std::string output = "one\ndir/\ndir/two\n";
-            Expected expected;
-            expected.mayNotFire = effect.mayNotFire;
-            if (effect.cut) {
-              // The names of some beginning of the output; or, when tar failed to write the rest,
-              // none and both records; or the wait's failure.
-              expected.checkDecides = true;
-              expected.check = [output, effect](const Outcome& got) {
-                if (WaitFailed(got, effect)) {
-                  return std::string();
-                }
-                for (std::size_t end = 0; end <= output.size(); ++end) {
-                  const std::string cut = output.substr(0, end);
-                  const std::vector<std::string> failed = {
-                      TarRecord("RunCmd", "tar returned 2,\n" + cut),
-                      TarRecord("DoFileList", "Tar command failed: 2, " + cut)};
-                  if (got.exception.empty() &&
-                      ((got.records.empty() && got.result == Joined(Split(cut))) ||
-                       (got.records == failed && got.result.empty()))) {
-                    return std::string();
-                  }
-                }
-                return "names " + got.result + " " + got.exception;
-              };
-              return expected;
-            }
-            if (const auto& failure = effect.failure) {
-              if (failure->throws) {
-                return Thrown(*failure);
+            for (std::size_t end = 0; end <= output.size(); ++end) {
+              const std::string cut = output.substr(0, end);
+              const std::vector<std::string> failed = {
+                  TarRecord("RunCmd", "tar returned 2,\n" + cut),
+                  TarRecord("DoFileList", "Tar command failed: 2, " + cut)};
+              if (got.exception.empty() &&
+                  ((got.records.empty() && got.result == Joined(Split(cut))) ||
+                   (got.records == failed && got.result.empty()))) {
+                return std::string();
               }
-              expected.records = failure->records;
-              expected.result = "";
-              expected.records.push_back(TarRecord(
-                  "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
-              return expected;
             }
-            expected.result =
-                effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result;
-            expected.records = effect.records;
-            return expected;
-          }};
+            return "names " + got.result + " " + got.exception;
+          };
+          return expected;
+        }
+        if (const auto& failure = effect.failure) {
+          if (failure->throws) {
+            return Thrown(*failure);
+          }
+          expected.records = failure->records;
+          expected.result = "";
+          expected.records.push_back(TarRecord(
+              "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
+          return expected;
+        }
+        expected.result =
+            effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result;
+        expected.records = effect.records;
+        return expected;
+      }};
 }
 
 // Untar::Extract through either runner.
@@ -1048,8 +1117,9 @@ Operation Extract(bool streaming) {
         const bool destinationRefused =
             point.phase == kUse && ((point.function == Function::access && point.error == ENOENT) ||
                                     point.function == Function::opendir);
-        const std::string args = "tar--warning=no-timestamp-xf" + Archive() + "-C" + destination;
-        const RunnerEffect effect = EffectOf(point, args, streaming, false);
+        const RunnerEffect effect =
+            EffectOf(point, {"tar", "--warning=no-timestamp", "-xf", Archive(), "-C", destination},
+                     streaming, false);
         expected.mayNotFire = effect.mayNotFire;
         if (effect.cut) {
           // tar writes nothing here, so a failed poll or read changes nothing; a failed read of
@@ -1129,6 +1199,7 @@ std::vector<Operation> Operations() {
                               RunCmd(true),
                               RunCmd(true, true),
                               RunCmd(true, false, true),
+                              RunCmdTimesOut(),
                               FileList(true),
                               Extract(true)}) {
     operations.push_back(std::move(operation));
