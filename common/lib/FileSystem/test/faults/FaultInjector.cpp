@@ -243,6 +243,7 @@ DRX_INTERPOSE(, int, chmod, (const char* path, mode_t mode), noexcept, -1, (path
 DRX_INTERPOSE(, int, dup2, (int from, int to), , -1, (from, to))
 DRX_INTERPOSE(DRX_CHILD_SAFE, int, execvp, (const char* file, char* const argv[]), , -1,
               (file, argv))
+DRX_INTERPOSE(, int, fdatasync, (int fd), , -1, (fd))
 DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
 DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
 DRX_INTERPOSE(, off_t, lseek, (int fd, off_t offset, int whence), , -1, (fd, offset, whence))

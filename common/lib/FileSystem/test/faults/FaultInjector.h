@@ -23,13 +23,14 @@ namespace drn::faults {
   X(access, ENOENT, EACCES, EIO) X(chmod, EPERM, EIO) X(clone, EAGAIN, ENOMEM)                     \
   X(close, EIO, EINTR) X(closedir, EIO) X(dup2, EINTR, EMFILE, EBUSY)                              \
   X(dup3, EINTR, EMFILE, EBUSY) X(execvp, ENOENT, EACCES, ENOMEM) X(fcntl, EINVAL)                 \
-  X(fork, EAGAIN, ENOMEM) X(fsync, EIO, ENOSPC, EINTR) X(lseek, EINVAL, EOVERFLOW)                 \
-  X(memfd_create, EMFILE, ENOMEM) X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO)                      \
-  X(opendir, EACCES, EMFILE, ENOMEM) X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE)        \
-  X(poll, EINTR, ENOMEM) X(prctl, EINVAL) X(read, EIO, EINTR, EAGAIN) X(readdir, EIO)              \
-  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(socketpair, EMFILE, ENFILE)       \
-  X(stat, EACCES, EIO, ENOMEM) X(statfs, EACCES, EIO, EINTR) X(syncfs, EIO, ENOSPC)                \
-  X(system, EAGAIN, ENOMEM) X(waitpid, EINTR, ECHILD) X(write, EIO, ENOSPC, EINTR)
+  X(fdatasync, EIO, ENOSPC) X(fork, EAGAIN, ENOMEM) X(fsync, EIO, ENOSPC, EINTR)                   \
+  X(lseek, EINVAL, EOVERFLOW) X(memfd_create, EMFILE, ENOMEM)                                      \
+  X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO) X(opendir, EACCES, EMFILE, ENOMEM)                   \
+  X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE) X(poll, EINTR, ENOMEM) X(prctl, EINVAL)   \
+  X(read, EIO, EINTR, EAGAIN) X(readdir, EIO) X(remove, EACCES, EIO, EBUSY)                        \
+  X(rename, EACCES, EIO, ENOSPC) X(socketpair, EMFILE, ENFILE) X(stat, EACCES, EIO, ENOMEM)        \
+  X(statfs, EACCES, EIO, EINTR) X(syncfs, EIO, ENOSPC) X(system, EAGAIN, ENOMEM)                   \
+  X(waitpid, EINTR, ECHILD) X(write, EIO, ENOSPC, EINTR)
 // clang-format on
 
 #define DRX_FAULT_ENUMERATOR(name, ...) name,
