@@ -10,11 +10,12 @@ namespace drn {
 // LinuxApi in every operation but syncfs, which is fdatasync of the descriptor it is given:
 // result and errno are fdatasync's, unchanged. A File flushes with syncfs, so a File built with
 // this layer has its flushed bytes on the card when the flush returns, on FAT32, exFAT and ext4
-// alike:
-//
-//   File log(options, std::make_unique<DurableLinuxApi>());
-//   log << record;
-//   log.flush();  // the record survives a power cut from here on
+// alike (the record below survives a power cut once flush returns):
+// ```cpp
+// File log(options, std::make_unique<DurableLinuxApi>());
+// log << record;
+// log.flush();
+// ```
 //
 // Why not syncfs: Linux's FAT driver has no file-system sync of its own, so syncfs on FAT writes
 // the pages and the entries but never asks the card to flush its cache, and a card with a
