@@ -10,7 +10,9 @@ namespace drn {
 // LinuxApi in every operation but syncfs, which is fdatasync of the descriptor it is given:
 // result and errno are fdatasync's, unchanged. A File flushes with syncfs, so a File built with
 // this layer has its flushed bytes on the card when the flush returns, on FAT32, exFAT and ext4
-// alike (the record below survives a power cut once flush returns):
+// alike. A failed fdatasync is, like a failed syncfs, only the File's "failed on output sync
+// with " record: the flush still succeeds. Here the record survives a power cut once flush
+// returns without that record:
 // ```cpp
 // File log(options, std::make_unique<DurableLinuxApi>());
 // log << record;
