@@ -10,12 +10,15 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Benchmarks.h"
+#include "DurableLinuxApi.h"
 #include "File.h"
 #include "Path.h"
 #include "Workspace.h"
@@ -274,17 +277,38 @@ void RunWrite(benchmark::State& state, const Writer& writer, std::int64_t bytes)
   state.SetBytesProcessed(state.iterations() * bytes);
 }
 
-bool FileWrite(const std::string& path, const char* block, int, std::int64_t bytes) {
+// Through a File with a 64 KiB put area on layer (null: the File's own LinuxApi).
+bool FileWriteOn(std::unique_ptr<LinuxApiIF> layer, const std::string& path, const char* block,
+                 std::int64_t bytes) {
   const Path name(path);
   File::Options options;
   options.path = &name;
   options.openForWrite = true;
   options.writeBufferSize = kBlockSize;
-  File file(options);
+  File file(options, std::move(layer));
   for (std::int64_t offset = 0; file && offset < bytes; offset += kBlockSize) {
     file.write(block, kBlockSize);
   }
   return static_cast<bool>(file);
+}
+
+bool FileWrite(const std::string& path, const char* block, int, std::int64_t bytes) {
+  return FileWriteOn(nullptr, path, block, bytes);
+}
+
+bool DurableFileWrite(const std::string& path, const char* block, int, std::int64_t bytes) {
+  return FileWriteOn(std::make_unique<DurableLinuxApi>(), path, block, bytes);
+}
+
+// What the durable layer is held to: write(2) of each block, then fdatasync(2) of the file.
+bool SystemWriteDatasyncEachBlock(const std::string& path, const char* block, int,
+                                  std::int64_t bytes) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+  bool written = fd >= 0;
+  for (std::int64_t offset = 0; written && offset < bytes; offset += kBlockSize) {
+    written = WriteAll(fd, block, kBlockSize) && ::fdatasync(fd) == 0;
+  }
+  return ::close(fd) == 0 && written;
 }
 
 // A standard output stream over path (truncated) with a 64 KiB buffer of its own.
@@ -381,6 +405,12 @@ void RegisterFileBenchmarks() {
   RegisterWrite("Write/ofstream_syncfs_each_64KiB", StreamWriteSyncEachBlock, kSyncedWriteBytes);
   RegisterWrite("Write/ofstream_syncfs_at_end", StreamWriteSyncAtEnd, kWriteBytes);
   RegisterWrite("Write/write2_syncfs_at_end", SystemWriteSyncAtEnd, kWriteBytes);
+  // 128 MiB each in 64 KiB flushes: File on its own layer, on the durable one, and the loop the
+  // durable one is held to.
+  RegisterWrite("DurableWrite/File", FileWrite, kWriteBytes);
+  RegisterWrite("DurableWrite/File_DurableLinuxApi", DurableFileWrite, kWriteBytes);
+  RegisterWrite("DurableWrite/write2_fdatasync_each_64KiB", SystemWriteDatasyncEachBlock,
+                kWriteBytes);
   Register("Sync/syncfs_nothing_pending", SyncWithNothingPending);
 }
 

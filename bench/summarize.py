@@ -29,6 +29,8 @@ PAIRS = [
     ("Write/File", "Write/ofstream_syncfs_each_64KiB", 1.05),
     ("Write/File", "Write/ofstream_syncfs_at_end", None),
     ("Write/File", "Write/write2_syncfs_at_end", None),
+    ("DurableWrite/File_DurableLinuxApi", "DurableWrite/write2_fdatasync_each_64KiB", 1.10),
+    ("DurableWrite/File", "DurableWrite/write2_fdatasync_each_64KiB", None),
     ("DirectorySize/Directory", "DirectorySize/recursive_directory_iterator", 1.25),
     ("DirectorySize/Directory", "DirectorySize/nftw", None),
     ("FileList/TarApi", "FileList/popen_tar", 1.20),

@@ -1,5 +1,6 @@
-// Uses the installed library: paths, files, an atomic replacement, a directory, the log records,
-// and a derived system-call layer that the library calls back. Exits 1 when any answer is wrong.
+// Uses the installed library: paths, files (one on the durable layer), an atomic replacement, a
+// directory, the log records, and a derived system-call layer that the library calls back. Exits 1
+// when any answer is wrong.
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include "AtomicFile.h"
 #include "Directory.h"
+#include "DurableLinuxApi.h"
 #include "File.h"
 #include "LinuxApi.h"
 #include "LogClient.h"
@@ -68,9 +70,9 @@ int main() {
     options.path = &path;
     options.openForWrite = true;
     options.writeBufferSize = 64;
-    drn::File output(options);
+    drn::File output(options, std::make_unique<drn::DurableLinuxApi>());
     output << "hello" << std::flush;
-    ok &= Check(static_cast<bool>(output), "writing through File failed");
+    ok &= Check(static_cast<bool>(output), "writing through a durable File failed");
   }
   {
     drn::AtomicFile replacement(file);

@@ -16,6 +16,7 @@
 
 #include "AtomicFile.h"
 #include "Command.h"
+#include "DurableLinuxApi.h"
 #include "File.h"
 #include "Path.h"
 
@@ -70,7 +71,11 @@ std::unique_ptr<File> OpenFile(const Path& path, bool forWrite) {
   options.openForWrite = forWrite;
   options.readBufferSize = forWrite ? 0 : kStreamBufferSize;
   options.writeBufferSize = forWrite ? kStreamBufferSize : 0;
-  return ForPath(std::string(path.GetPath()), [&] { return std::make_unique<File>(options); });
+  // Written bytes reach the card at every flush, on FAT too.
+  return ForPath(std::string(path.GetPath()), [&] {
+    return std::make_unique<File>(options,
+                                  forWrite ? std::make_unique<DurableLinuxApi>() : nullptr);
+  });
 }
 
 void AddCatCommand(CLI::App& app, Commands& commands) {

@@ -245,6 +245,7 @@ DRX_INTERPOSE(DRX_CHILD_SAFE, int, execvp, (const char* file, char* const argv[]
               (file, argv))
 DRX_INTERPOSE(, int, fchmod, (int fd, mode_t mode), noexcept, -1, (fd, mode))
 DRX_INTERPOSE(, int, fchown, (int fd, uid_t owner, gid_t group), noexcept, -1, (fd, owner, group))
+DRX_INTERPOSE(, int, fdatasync, (int fd), , -1, (fd))
 DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
 DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
 DRX_INTERPOSE(, int, kill, (pid_t pid, int signal), noexcept, -1, (pid, signal))

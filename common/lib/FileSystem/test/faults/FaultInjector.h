@@ -23,13 +23,13 @@ namespace drn::faults {
   X(access, ENOENT, EACCES, EIO) X(chmod, EPERM, EIO) X(clone, EAGAIN, ENOMEM)                     \
   X(close, EIO, EINTR) X(closedir, EIO) X(dup2, EINTR, EMFILE, EBUSY)                              \
   X(dup3, EINTR, EMFILE, EBUSY) X(execvp, ENOENT, EACCES, ENOMEM) X(fchmod, EPERM, EIO)            \
-  X(fchown, EPERM, EINVAL, EIO) X(fcntl, EINVAL) X(fork, EAGAIN, ENOMEM)                           \
+  X(fchown, EPERM, EINVAL, EIO) X(fcntl, EINVAL) X(fdatasync, EIO, ENOSPC) X(fork, EAGAIN, ENOMEM) \
   X(fsync, EIO, ENOSPC, EINTR) X(kill, EPERM) X(lseek, EINVAL, EOVERFLOW)                          \
   X(lstat, EACCES, EIO, ENOMEM)                                                                    \
   X(memfd_create, EMFILE, ENOMEM) X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO)                      \
   X(opendir, EACCES, EMFILE, ENOMEM) X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE)        \
   X(poll, EINTR, ENOMEM) X(prctl, EINVAL) X(read, EIO, EINTR, EAGAIN) X(readdir, EIO)              \
-  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(signalfd, EMFILE, ENOMEM)       \
+  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(signalfd, EMFILE, ENOMEM)         \
   X(socketpair, EMFILE, ENFILE)                                                                    \
   X(stat, EACCES, EIO, ENOMEM) X(statfs, EACCES, EIO, EINTR) X(syncfs, EIO, ENOSPC)                \
   X(system, EAGAIN, ENOMEM) X(waitpid, EINTR, ECHILD) X(write, EIO, ENOSPC, EINTR)

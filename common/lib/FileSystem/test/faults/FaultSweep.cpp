@@ -33,6 +33,7 @@
 #include "../FileTestSupport.h"
 #include "AtomicFile.h"
 #include "Directory.h"
+#include "DurableLinuxApi.h"
 #include "FaultInjector.h"
 #include "File.h"
 #include "Path.h"
@@ -107,6 +108,8 @@ struct Operation {
   std::function<std::string(const TempDir&)> content = nullptr;
   // The run without faults writes records of a failure (but throws nothing).
   bool failsWithoutFaults = false;
+  // A call the run without faults must make (the one a substitute layer exists for), if any.
+  Function mustCall = Function::count;
 };
 
 // Appends what buffer gives, character by character, up to its end.
@@ -234,6 +237,7 @@ std::vector<std::string> StreamRecords(const Point& point, bool readSide) {
     case Function::read:
       return {FileRecord("underflow", 3, "failed on underflow read with " + Error(point.error))};
     case Function::syncfs:
+    case Function::fdatasync:
       return {
           readSide
               ? FileRecord("SyncInput", 3, "failed on input sync with " + Error(point.error))
@@ -286,17 +290,20 @@ Operation FileRead(std::uint32_t bufferSize) {
           }};
 }
 
-// Writes kData over kOriginal through a write-only File with a put area of bufferSize, flushes
-// when flush is set, and destroys the File. Every byte the stream accepted must reach the file
-// exactly once, at its own offset; only a failure in the destructor's own flush loses what it
-// held.
-Operation FileWrite(std::uint32_t bufferSize, bool flush) {
-  return {"File write, put area " + std::to_string(bufferSize) + (flush ? ", flushed" : ""),
-          [bufferSize, flush](const TempDir& dir, Outcome& out) {
+// Writes kData over kOriginal through a write-only File with a put area of bufferSize (on the
+// durable layer when durable is set), flushes when flush is set, and destroys the File. Every
+// byte the stream accepted must reach the file exactly once, at its own offset; only a failure
+// in the destructor's own flush loses what it held. The durable layer's sync fails as syncfs does.
+Operation FileWrite(std::uint32_t bufferSize, bool flush, bool durable = false) {
+  return {"File write, put area " + std::to_string(bufferSize) + (flush ? ", flushed" : "") +
+              (durable ? ", durable layer" : ""),
+          [bufferSize, flush, durable](const TempDir& dir, Outcome& out) {
             const std::string name = dir.WriteFile("f", kOriginal);
             const Path path(name);
             SetPhase(kOpen);
-            auto file = std::make_unique<File>(Options(&path, 0, bufferSize, false, true));
+            auto file =
+                std::make_unique<File>(Options(&path, 0, bufferSize, false, true),
+                                       durable ? std::make_unique<DurableLinuxApi>() : nullptr);
             SetPhase(kUse);
             std::streambuf& buffer = *file;
             const std::streamsize accepted =
@@ -339,7 +346,9 @@ Operation FileWrite(std::uint32_t bufferSize, bool flush) {
             };
             return expected;
           },
-          FileContent};
+          FileContent,
+          false,
+          durable ? Function::fdatasync : Function::count};
 }
 
 // Over a File open for reading and writing with areas of 4: writes "012", flushes (which writes,
@@ -1170,14 +1179,11 @@ std::vector<Operation> Operations() {
   std::vector<Operation> operations = {PathQuery(false), PathQuery(true)};
   for (const std::uint32_t size : {0U, 4U, 64U}) {
     operations.push_back(FileRead(size));
-  }
-  for (const std::uint32_t size : {0U, 4U, 64U}) {
     operations.push_back(FileWrite(size, true));
   }
-  for (const std::uint32_t size : {4U, 64U}) {
-    operations.push_back(FileWrite(size, false));
-  }
-  for (Operation operation : {FileReadWrite(),
+  for (Operation operation : {FileWrite(4, false),
+                              FileWrite(4, true, true),
+                              FileReadWrite(),
                               FileInMemory(),
                               CreateOrRecreate(false),
                               CreateOrRecreate(true),
@@ -1450,6 +1456,11 @@ int Main(int argc, char** argv) {
                     << ":" << problems << "\n";
         }
       }
+    }
+    if (operation.mustCall != Function::count && summary.callsByFunction[operation.mustCall] == 0) {
+      std::cout << "FAILED " << operation.name << ": never called " << Name(operation.mustCall)
+                << "\n";
+      ++summary.failed;
     }
     std::cout << operation.name << ": " << summary.calls << " calls, " << summary.points
               << " points, " << summary.failed << " failed\n";
