@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "FakeProgramDir.h"
-#include "MockPath.h"
 #include "MockSystemCallWrapper.h"
 #include "Narrow.h"
 #include "Path.h"
@@ -108,7 +107,6 @@ TEST(DirectoryUsedSizeDeathTest, NegativeBlockSizeEndsTheProcess) {
 }
 
 struct PercentageCase {
-  const char* name;
   fsblkcnt_t blocks;
   fsblkcnt_t freeBlocks;
   long blockSize;
@@ -116,10 +114,6 @@ struct PercentageCase {
   int expected;
   const char* record;  // the one record expected after "GetPercentageUsed ", or "" for none
 };
-
-void PrintTo(const PercentageCase& value, std::ostream* os) {
-  *os << value.name;
-}
 
 class DirectoryPercentageTest : public ::testing::TestWithParam<PercentageCase> {};
 
@@ -141,19 +135,15 @@ TEST_P(DirectoryPercentageTest, ScalesTheUsedShareBy102) {
             Entries(*c.record ? 1 : 0, std::string("GetPercentageUsed ") + c.record));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Statistics, DirectoryPercentageTest,
-    ::testing::ValuesIn(std::vector<PercentageCase>{
-        {"QuarterUsed", 100, 75, 4096, 0, 25, ""},
-        {"NinetyEightPercent", 10000, 200, 4096, 0, 99, ""},
-        {"NinetyEightPointZeroFour", 10000, 196, 4096, 0, 100, ""},
-        {"MoreFreeThanBlocks", 100, 101, 4096, 0, 0, ""},
-        {"LargeCardHalfUsed", 31116288, 15558144, 4096, 0, 51, ""},
-        {"ZeroTotal", 0, 0, 4096, 0, 0, "2/0x8010: Total size of uSD card came back as 0"},
-        {"NegativeBlockSize", 100, 50, -4096, 0, 0, "3/0x8010: failed to cast with gsl narrow "},
-        {"StatfsFails", 100, 50, 4096, EACCES, 0,
-         "3/0x8010: failed to open /sd with Permission denied(13)"}}),
-    [](const ::testing::TestParamInfo<PercentageCase>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Statistics, DirectoryPercentageTest,
+                         ::testing::ValuesIn(std::vector<PercentageCase>{
+                             {10000, 196, 4096, 0, 100, ""},
+                             {100, 101, 4096, 0, 0, ""},
+                             {31116288, 15558144, 4096, 0, 51, ""},
+                             {0, 0, 4096, 0, 0, "2/0x8010: Total size of uSD card came back as 0"},
+                             {100, 50, -4096, 0, 0, "3/0x8010: failed to cast with gsl narrow "},
+                             {100, 50, 4096, EACCES, 0,
+                              "3/0x8010: failed to open /sd with Permission denied(13)"}}));
 
 // Stand-in mkdir and rm log their name and arguments (each word followed by '|', one call a
 // line) and succeed: the log shows exactly what ran, and that nothing ran where the answer was
@@ -199,27 +189,6 @@ TEST(DirectoryCommandTest, PassesThePathAsOneWordAndOnlyWhenNeeded) {
             "mkdir|-p|new|\nmkdir|-p|it's a $(name)|\nrm|-r|full/x|\nrm|-r|full/x|\n");
 }
 
-// The path is asked whether it exists, then whether it is a directory, and for its text only
-// when a command is to be built.
-TEST(DirectoryCommandTest, AsksThePathInOrder) {
-  using ::testing::Return;
-  const auto path = std::make_shared<::testing::StrictMock<MockPath>>();
-  {
-    const ::testing::InSequence inOrder;
-    EXPECT_CALL(*path, DoExists()).WillOnce(Return(true));
-    EXPECT_CALL(*path, DoIsDirectory()).WillOnce(Return(true));
-    EXPECT_CALL(*path, DoExists()).WillOnce(Return(true));
-    EXPECT_CALL(*path, DoIsDirectory()).WillOnce(Return(false));
-    EXPECT_CALL(*path, DoExists()).WillOnce(Return(true));
-    EXPECT_CALL(*path, DoIsDirectory()).WillOnce(Return(true));
-    EXPECT_CALL(*path, DoGetPath()).WillOnce(Return("-x"));
-  }
-  Directory directory(path, std::make_shared<SystemCallWrapper>());
-  EXPECT_TRUE(directory.CreateDirectory());
-  EXPECT_FALSE(directory.CreateDirectory());
-  EXPECT_FALSE(directory.EmptyDirectory());
-}
-
 // Names relative to a working directory that holds look-alike siblings and the home directory:
 // any word of the name the shell split off, any command it ran, and any pattern, variable or
 // '~' it expanded would show outside.
@@ -252,12 +221,9 @@ TEST_P(DirectoryHostileNameTest, CreatesAndEmptiesOnlyTheNamedDirectory) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, DirectoryHostileNameTest,
-                         ::testing::Values("a b", "it's", "say \"x\"", "semi;touch PWNED",
-                                           "semi; rm -r dir", "$(touch PWNED)", "`touch PWNED`",
-                                           "dir *", "*", "new\nline", "x|touch PWNED",
-                                           "x&&touch PWNED", "x>PWNED", "~", "$HOME", "back\\slash",
-                                           "tab\there", "glob?[d]", "ends in slash/",
-                                           "a b/$(touch PWNED)/'deep'"));
+                         ::testing::Values("it's", "say \"x\"", "semi; rm -r dir", "`touch PWNED`",
+                                           "dir *", "new\nline", "x|touch PWNED", "~", "$HOME",
+                                           "back\\slash", "glob?[d]", "a b/$(touch PWNED)/'deep'"));
 
 }  // namespace
 }  // namespace drn

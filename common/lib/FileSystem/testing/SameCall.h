@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <functional>
-#include <ostream>
 #include <type_traits>
 
 namespace drn::testing {
@@ -21,33 +20,19 @@ long AsLong(Result result) {
   }
 }
 
+// A check to run on a layer.
 template <typename Layer>
-struct SameCall {
-  const char* name;
-  std::function<long()> direct;
-  std::function<long(Layer&)> layered;
-};
-
-template <typename Layer>
-void PrintTo(const SameCall<Layer>& value, std::ostream* os) {
-  *os << value.name;
-}
-
-template <typename Layer>
-void ExpectSameCall(const SameCall<Layer>& call, Layer& layer) {
-  errno = 0;
-  const long expected = call.direct();
-  const int expectedErrno = errno;
-  errno = 0;
-  EXPECT_EQ(call.layered(layer), expected) << call.name;
-  EXPECT_EQ(errno, expectedErrno) << call.name;
-}
+using SameCall = std::function<void(Layer&)>;
 
 }  // namespace drn::testing
 
 // A SameCall whose two sides are ::call and layer.call, written once so they cannot drift apart.
-#define DRN_SAME_CALL(Layer, call)                                     \
-  ::drn::testing::SameCall<Layer> {                                    \
-#call, [] { return ::drn::testing::AsLong(::call); },                \
-        [](Layer& layer) { return ::drn::testing::AsLong(layer.call); } \
-  }
+#define DRN_SAME_CALL(Layer, call)                                    \
+  ::drn::testing::SameCall<Layer>([](Layer& layer) {                  \
+    errno = 0;                                                        \
+    const long expected = ::drn::testing::AsLong(::call);             \
+    const int expectedErrno = errno;                                  \
+    errno = 0;                                                        \
+    EXPECT_EQ(::drn::testing::AsLong(layer.call), expected) << #call; \
+    EXPECT_EQ(errno, expectedErrno) << #call;                         \
+  })

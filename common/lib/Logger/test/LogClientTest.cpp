@@ -29,39 +29,29 @@ class LogClientTest : public ::testing::Test {
   LogClient::LevelFilter previousFilter;
 };
 
-// A record carries every part given; a null C string ends its text.
-TEST_F(LogClientTest, RecordCarriesEveryPart) {
+// A record carries every part given; a null C string ends its text; errno survives it all.
+TEST_F(LogClientTest, RecordCarriesEveryPartAndKeepsErrno) {
+  errno = EXDEV;
+  EXPECT_TRUE(LogClient::LevelIsEnabled(LogLevel::Error));
   {
     LogClient client("common/lib/FileSystem/src/File.cpp", "Impl", 42, LogLevel::Error,
                      LogCategory::FileSystem);
     client << "failed with " << std::string("text ") << std::string_view("view ") << -3 << ' '
-           << 7ul;
+           << 7ul << ' ' << 1.5;
   }
   const char* nothing = nullptr;
   LogClient(__FILE__, __func__, __LINE__, LogLevel::Error, LogCategory::Tar)
       << "before " << nothing << "after" << 5;
+  EXPECT_EQ(errno, EXDEV);
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].file, "common/lib/FileSystem/src/File.cpp");
   EXPECT_EQ(records[0].function, "Impl");
   EXPECT_EQ(records[0].line, 42);
   EXPECT_EQ(records[0].level, LogLevel::Error);
   EXPECT_EQ(static_cast<int>(records[0].category), 0x8010);
-  EXPECT_EQ(records[0].text, "failed with text view -3 7");
+  EXPECT_EQ(records[0].text, "failed with text view -3 7 1.5");
   EXPECT_EQ(records[1].text, "before ");
   EXPECT_EQ(static_cast<int>(records[1].category), 0x8027);
-}
-
-TEST_F(LogClientTest, ErrnoIsKept) {
-  errno = EXDEV;
-  EXPECT_TRUE(LogClient::LevelIsEnabled(LogLevel::Error));
-  EXPECT_EQ(errno, EXDEV);
-  {
-    LogClient client(__FILE__, __func__, __LINE__, LogLevel::Error, LogCategory::FileSystem);
-    EXPECT_EQ(errno, EXDEV);
-    client << "x" << 1.5 << std::string(1000, 'y');
-    EXPECT_EQ(errno, EXDEV);
-  }
-  EXPECT_EQ(errno, EXDEV);
 }
 
 TEST_F(LogClientTest, DefaultFilterReadsTheEnvironment) {
@@ -78,16 +68,13 @@ TEST_F(LogClientTest, DefaultFilterReadsTheEnvironment) {
     EXPECT_TRUE(LogClient::LevelIsEnabled(LogLevel::Warning)) << bad;
     EXPECT_FALSE(LogClient::LevelIsEnabled(LogLevel::Notice)) << bad;
   }
-}
-
-TEST_F(LogClientTest, SettersReturnThePreviousOnes) {
-  auto none = [](LogLevel) { return false; };
-  LogClient::SetLevelFilter(none);
+  // A set filter replaces the default until an empty one restores it; the setter gives it back.
+  LogClient::SetLevelFilter([](LogLevel) { return false; });
   EXPECT_FALSE(LogClient::LevelIsEnabled(LogLevel::Emergency));
   const LogClient::LevelFilter previous = LogClient::SetLevelFilter({});
   ASSERT_TRUE(previous);
   EXPECT_FALSE(previous(LogLevel::Emergency));
-  EXPECT_TRUE(LogClient::LevelIsEnabled(LogLevel::Emergency));  // default again
+  EXPECT_TRUE(LogClient::LevelIsEnabled(LogLevel::Emergency));
 }
 
 TEST_F(LogClientTest, SinkCallsAreSerialised) {
@@ -95,9 +82,7 @@ TEST_F(LogClientTest, SinkCallsAreSerialised) {
   int overlaps = 0;
   int count = 0;
   LogClient::SetSink([&](const LogRecord&) {
-    if (++inside != 1) {
-      ++overlaps;
-    }
+    overlaps += ++inside == 1 ? 0 : 1;
     ++count;
     std::this_thread::yield();
     --inside;
