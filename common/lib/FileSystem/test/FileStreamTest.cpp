@@ -16,7 +16,6 @@ namespace drn {
 namespace {
 
 using ::testing::_;
-using ::testing::Contains;
 using ::testing::DoDefault;
 using ::testing::ElementsAre;
 using ::testing::Mock;
@@ -34,8 +33,6 @@ class FileStreamTest : public ::testing::Test {
   MockLinuxApi& calls = *api;
   const LogCapture capture;
 };
-using FileSystemCallTest = FileStreamTest;
-using FileFailureTest = FileStreamTest;
 
 struct BufferSizes {
   std::uint32_t read, write;
@@ -112,7 +109,7 @@ TEST_F(FileStreamTest, FlushWritesThenRefillsTheWholeGetAreaFromItsFirstByte) {
 
 // No call until the area is full, then one flush on the next character; block output that then
 // cannot be written answers how much it took.
-TEST_F(FileSystemCallTest, FullPutAreaFlushesOnceOnTheNextCharacter) {
+TEST_F(FileStreamTest, FullPutAreaFlushesOnceOnTheNextCharacter) {
   File file = OpenFile("", Buffers(4, 4));
   ::testing::MockFunction<void()> areaFull;
   {
@@ -132,7 +129,7 @@ TEST_F(FileSystemCallTest, FullPutAreaFlushesOnceOnTheNextCharacter) {
   EXPECT_EQ(Contents(file), "abcd");
 }
 
-TEST_F(FileSystemCallTest, LargeGetAreaCostsOneReadPerFillAndOneAtTheEnd) {
+TEST_F(FileStreamTest, LargeGetAreaCostsOneReadPerFillAndOneAtTheEnd) {
   constexpr std::uint32_t kArea = 64 * 1024;
   const std::string content = Pattern(3 * kArea);
   EXPECT_CALL(calls, DoRead(_, _, kArea)).Times(4);
@@ -146,7 +143,7 @@ TEST_F(FileSystemCallTest, LargeGetAreaCostsOneReadPerFillAndOneAtTheEnd) {
   EXPECT_EQ(got, content);
 }
 
-TEST_F(FileSystemCallTest, SeekInsideTheLoadedGetAreaMakesNoCall) {
+TEST_F(FileStreamTest, SeekInsideTheLoadedGetAreaMakesNoCall) {
   File file = OpenFile("0123456789", Buffers(4, 0, true, false));
   EXPECT_EQ(file.get(), '0');
   ::testing::MockFunction<void()> leaving;
@@ -163,7 +160,7 @@ TEST_F(FileSystemCallTest, SeekInsideTheLoadedGetAreaMakesNoCall) {
   Mock::VerifyAndClearExpectations(&calls);
 }
 
-TEST_F(FileFailureTest, FlushFailingPartWayKeepsOnlyTheUnwrittenTail) {
+TEST_F(FileStreamTest, FlushFailingPartWayKeepsOnlyTheUnwrittenTail) {
   EXPECT_CALL(calls, DoWrite)
       .WillOnce([](int fd, const void* buffer, unsigned long) { return ::write(fd, buffer, 3); })
       .WillOnce(Fail(EIO, -1L))
@@ -179,19 +176,6 @@ TEST_F(FileFailureTest, FlushFailingPartWayKeepsOnlyTheUnwrittenTail) {
   EXPECT_EQ(Contents(file), "0123456789ab");
   EXPECT_THAT(capture.Records(),
               ElementsAre(FileRecord("Write", LogLevel::Error, "failed on write with ", EIO)));
-}
-
-TEST_F(FileFailureTest, ReadFailingAfterSomeBytesLeavesThemReadable) {
-  EXPECT_CALL(calls, DoRead)
-      .WillOnce([](int fd, void* buffer, unsigned long) { return ::read(fd, buffer, 3); })
-      .WillRepeatedly(Fail(EIO, -1L));
-  File file = OpenFile("0123456789", Buffers(8, 0, true, false));
-  std::string got;
-  EXPECT_TRUE(std::getline(file, got).eof());
-  EXPECT_EQ(got, "012");
-  EXPECT_THAT(capture.Records(), Contains(FileRecord("underflow", LogLevel::Error,
-                                                     "failed on underflow read with ", EIO))
-                                     .Times(2));
 }
 
 // Operations the stream buffer only partly implements answer sensibly and say so.

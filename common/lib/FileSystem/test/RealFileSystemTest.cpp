@@ -2,36 +2,30 @@
 // a syncfs that fails with EIO, tar extraction out of blocks and out of inodes, and walks of a
 // tree deeper than PATH_MAX and under a descriptor limit of 32.
 #include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 
 #include "Directory.h"
-#include "File.h"
 #include "FileTestSupport.h"
-#include "Path.h"
 #include "ScratchFileSystem.h"
 #include "SystemCallWrapper.h"
-#include "TestHelpers.h"
 #include "Untar.h"
 
 namespace drn {
 namespace {
 
 using ::testing::Contains;
-using testing::Described;
 using ::testing::HasSubstr;
-using testing::ScratchFileSystem;
-using ::testing::StartsWith;
+using namespace drn::testing;
 
 #define SKIP_UNLESS_MOUNTED(fileSystem)     \
   if (!(fileSystem).Failure().empty()) {    \
@@ -40,54 +34,45 @@ using ::testing::StartsWith;
 
 const std::string kNoSpace = "Write 3/0x8010: failed on write with No space left on device";
 
-// Takes all but room bytes of the card (a 64 KiB tmpfs, counted in 4 KiB pages).
-void FillCard(const ScratchFileSystem& card, std::size_t room) {
-  std::ofstream(card / "filler", std::ios::binary) << std::string(64 * 1024 - room, 'f');
-}
+// A File writing to a 64 KiB tmpfs card on which room bytes are left (counted in 4 KiB pages).
+class CardTest : public ::testing::TestWithParam<std::uint32_t> {
+ protected:
+  File OpenOnCard(std::size_t room, std::uint32_t putArea) {
+    File::CreateFile(card / "data");
+    std::ofstream(card / "filler", std::ios::binary) << std::string(64 * 1024 - room, 'f');
+    return Open(card / "data", Buffers(0, putArea, false, true));
+  }
 
-class CardFillingTest : public ::testing::TestWithParam<std::uint32_t> {};
+  const TempDir dir;
+  const ScratchFileSystem card{dir / "card", "size=64k"};
+  const LogCapture log;
+};
 
 // Every byte the stream accepted reaches the file exactly once after space is freed and the
 // stream is flushed again; what it did not accept never does. A put area of 3000 bytes sees a
 // write cut short by the full card.
-TEST_P(CardFillingTest, AcceptedBytesReachTheFileOnceSpaceIsFreed) {
-  const testing::TempDir dir;
-  const ScratchFileSystem card(dir / "card", "size=64k");
+TEST_P(CardTest, AcceptedBytesReachTheFileOnceSpaceIsFreed) {
   SKIP_UNLESS_MOUNTED(card);
-  FillCard(card, 8192);
-  ASSERT_TRUE(File::CreateFile(card / "data"));
-  const std::string data = testing::Pattern(12000);
-  const testing::LogCapture log;
+  const std::string data = Pattern(12000);
+  std::streamsize accepted = 0;
   {
-    File file = testing::Open(card / "data", testing::Buffers(0, GetParam(), false, true));
-    std::streambuf& buffer = file;
-    const std::streamsize accepted = buffer.sputn(data.data(), static_cast<std::streamsize>(12000));
+    File file = OpenOnCard(8192, GetParam());
+    accepted = static_cast<std::streambuf&>(file).sputn(data.data(), 12000);
     ASSERT_LT(accepted, 12000);
     EXPECT_GE(accepted, 8192);
     EXPECT_THAT(Described(log.Records()), Contains(kNoSpace));
-    ASSERT_EQ(std::remove((card / "filler").c_str()), 0);
+    std::filesystem::remove(card / "filler");
     file.clear();
     EXPECT_TRUE(file.flush().good());
-    EXPECT_EQ(testing::ReadWholeFile(card / "data"),
-              data.substr(0, static_cast<std::size_t>(accepted)));
   }
-  EXPECT_EQ(File::GetFileSize(card / "data"), testing::ReadWholeFile(card / "data").size());
+  EXPECT_EQ(ReadWholeFile(card / "data"), data.substr(0, static_cast<std::size_t>(accepted)));
 }
 
-INSTANTIATE_TEST_SUITE_P(NoSmallAndLargePutArea, CardFillingTest,
-                         ::testing::Values(0U, 16U, 3000U));
+INSTANTIATE_TEST_SUITE_P(NoSmallAndLargePutArea, CardTest, ::testing::Values(0U, 16U, 3000U));
 
-TEST(CardFullTest, DestructorsFailedFlushIsRecordedAndWritesNothing) {
-  const testing::TempDir dir;
-  const ScratchFileSystem card(dir / "card", "size=64k");
+TEST_F(CardTest, DestructorsFailedFlushIsRecordedAndWritesNothing) {
   SKIP_UNLESS_MOUNTED(card);
-  ASSERT_TRUE(File::CreateFile(card / "data"));
-  FillCard(card, 0);
-  const testing::LogCapture log;
-  {
-    File file = testing::Open(card / "data", testing::Buffers(0, 64, false, true));
-    file << "pending";
-  }
+  OpenOnCard(0, 64) << "pending";
   EXPECT_THAT(Described(log.Records()), ::testing::ElementsAre(kNoSpace));
   EXPECT_EQ(File::GetFileSize(card / "data"), 0U);
 }
@@ -95,23 +80,20 @@ TEST(CardFullTest, DestructorsFailedFlushIsRecordedAndWritesNothing) {
 // A loop device whose image sits on a tiny tmpfs that is full: ext4 takes the writes into the
 // page cache, and writeback fails underneath it.
 TEST(FailingCardTest, SyncfsFailingForRealIsRecordedWhileTheFlushSucceeds) {
-  const testing::TempDir dir;
+  const TempDir dir;
   const ScratchFileSystem backing(dir / "backing", "size=4m");
   SKIP_UNLESS_MOUNTED(backing);
   const ScratchFileSystem card(dir / "card", backing / "card.img", 16 * 1024);
   SKIP_UNLESS_MOUNTED(card);
   ASSERT_TRUE(File::CreateFile(card / "data"));
-  {
-    std::ofstream fill(backing / "fill", std::ios::binary);
-    const std::string block(64 * 1024, 'f');
-    while (fill.write(block.data(), static_cast<std::streamsize>(block.size()))) {
-    }
+  std::ofstream fill(backing / "fill", std::ios::binary);
+  const std::string block = Pattern(64 * 1024);
+  while (fill.write(block.data(), static_cast<std::streamsize>(block.size()))) {
   }
-  const testing::LogCapture log;
-  File file = testing::Open(card / "data", testing::Buffers(0, 64 * 1024, false, true));
+  const LogCapture log;
+  File file = Open(card / "data", Buffers(0, 64 * 1024, false, true));
   // The bytes fit the put area: the flush alone writes them (into the page cache) and syncs.
-  const std::string data = testing::Pattern(32 * 1024);
-  file.write(data.data(), static_cast<std::streamsize>(data.size()));
+  file.write(block.data(), 32 * 1024);
   EXPECT_TRUE(file.flush().good());
   // ext4 reports EIO once the failed writeback has aborted its journal; when the error reaches
   // syncfs first, it is the loop device's own ENOSPC. Either is the writeback failing for real.
@@ -129,16 +111,12 @@ struct ExhaustionCase {
   std::size_t fileSize;
 };
 
-void PrintTo(const ExhaustionCase& exhaustion, std::ostream* out) {
-  *out << exhaustion.name;
-}
-
 class ExtractionExhaustionTest : public ::testing::TestWithParam<ExhaustionCase> {};
 
 // tar's failure is the result, with the runner's record; nothing outside the destination is
 // touched and no child or descriptor is left.
 TEST_P(ExtractionExhaustionTest, FailsWithTarsStatusAndTouchesNothingElse) {
-  const testing::TempDir dir;
+  const TempDir dir;
   const ExhaustionCase& exhaustion = GetParam();
   for (int i = 0; i < exhaustion.files; ++i) {
     dir.WriteFile("src/file" + std::to_string(i), std::string(exhaustion.fileSize, 'x'));
@@ -149,25 +127,25 @@ TEST_P(ExtractionExhaustionTest, FailsWithTarsStatusAndTouchesNothingElse) {
   SKIP_UNLESS_MOUNTED(card);
   dir.WriteFile("card/beside/kept", "kept");
   const std::string destination = dir.MakeDir("card/destination");
-  const auto before = testing::ListTree(dir.Path());
-  const int descriptors = testing::CountOpenDescriptors();
-  const testing::LogCapture log;
+  const auto before = ListTree(dir.Path());
+  const int descriptors = CountOpenDescriptors();
+  const LogCapture log;
 
-  Untar untar(std::make_shared<Path>(archive), nullptr);
-  EXPECT_EQ(untar.Extract(std::make_shared<Path>(destination)), 2);
-
-  const auto records = Described(log.Records());
-  ASSERT_EQ(records.size(), 1U);
-  EXPECT_THAT(records[0], StartsWith("RunCmd 3/0x8027: tar returned 2,\n"));
-  EXPECT_THAT(records[0], HasSubstr(exhaustion.complaint));
-  for (const std::string& entry : testing::ListTree(dir.Path())) {
+  EXPECT_EQ(
+      Untar(std::make_shared<Path>(archive), nullptr).Extract(std::make_shared<Path>(destination)),
+      2);
+  EXPECT_THAT(Described(log.Records()),
+              ::testing::ElementsAre(
+                  ::testing::AllOf(::testing::StartsWith("RunCmd 3/0x8027: tar returned 2,\n"),
+                                   HasSubstr(exhaustion.complaint))));
+  for (const std::string& entry : ListTree(dir.Path())) {
     if (entry.rfind("card/destination/", 0) != 0) {
       EXPECT_THAT(before, Contains(entry));
     }
   }
-  EXPECT_EQ(testing::ReadWholeFile(dir / "card/beside/kept"), "kept");
-  EXPECT_EQ(testing::CountOpenDescriptors(), descriptors);
-  EXPECT_FALSE(testing::HasChildProcesses());
+  EXPECT_EQ(ReadWholeFile(dir / "card/beside/kept"), "kept");
+  EXPECT_EQ(CountOpenDescriptors(), descriptors);
+  EXPECT_FALSE(HasChildProcesses());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -186,36 +164,29 @@ std::uint64_t SizeOf(const std::string& directory) {
 // descriptor since the full names outgrow PATH_MAX. The walk counts the files it can reach by
 // name: those in levels whose names fit, and whose own names fit.
 TEST(DeepTreeTest, WalkDeeperThanPathMaxCountsWhatFitsAndLeaksNothing) {
-  const testing::TempDir dir;
+  const TempDir dir;
   // Unmounting removes the tree, whose names are too long for the usual removal.
   const ScratchFileSystem scratch(dir / "deep", "size=1m");
   SKIP_UNLESS_MOUNTED(scratch);
-  const std::string root = dir / "deep";
   const std::string name(200, 'd');
-  constexpr int kLevels = 24;
-  int level = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  std::string path = root;
+  int level = ::open(scratch.MountPoint().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  std::size_t length = scratch.MountPoint().size();
   std::uint64_t reachable = 0;
-  bool reached = true;
-  for (int i = 0; i < kLevels; ++i) {
+  for (int i = 0; i < 24; ++i, length += 1 + name.size()) {
     const int file = ::openat(level, "f", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_EQ(::write(file, "x", 1), 1);
     ::close(file);
-    reached = reached && path.size() < PATH_MAX;
-    reachable += reached && path.size() + 2 < PATH_MAX ? 1 : 0;
+    reachable += length + 2 < PATH_MAX ? 1 : 0;
     ASSERT_EQ(::mkdirat(level, name.c_str(), 0755), 0);
     const int next = ::openat(level, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ::close(level);
     level = next;
-    path += "/" + name;
   }
   ::close(level);
-  ASSERT_GT(path.size(), static_cast<std::size_t>(PATH_MAX));
-  ASSERT_LT(reachable, static_cast<std::uint64_t>(kLevels));
-
-  const int descriptors = testing::CountOpenDescriptors();
-  EXPECT_EQ(SizeOf(root), reachable);
-  EXPECT_EQ(testing::CountOpenDescriptors(), descriptors);
+  ASSERT_LT(reachable, 24U);
+  const int descriptors = CountOpenDescriptors();
+  EXPECT_EQ(SizeOf(scratch.MountPoint()), reachable);
+  EXPECT_EQ(CountOpenDescriptors(), descriptors);
 }
 
 // Open descriptors numbered below limit, leaving out the one that lists them.
@@ -230,22 +201,20 @@ int DescriptorsBelow(int limit) {
 // One directory handle stays open per level, so under a limit of 32 descriptors the walk stops
 // where the handles run out: it sums the levels it could open.
 TEST(DeepTreeTest, WalkUnderADescriptorLimitSumsTheLevelsItCouldOpen) {
-  const testing::TempDir dir;
-  constexpr int kLevels = 64;
-  std::string path = dir / "t";
-  for (int i = 0; i < kLevels; ++i) {
-    dir.WriteFile(path.substr(dir.Path().size() + 1) + "/f", "x");
-    path += "/d";
+  const TempDir dir;
+  std::string path = "t";
+  for (int i = 0; i < 64; ++i, path += "/d") {
+    dir.WriteFile(path + "/f", "x");
   }
   constexpr int kNoLimit = 4;
-  const int status = testing::RunInChild([&dir] {
+  const int status = RunInChild([&dir] {
     const rlimit limit{32, 32};
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
       ::_exit(kNoLimit);
     }
     const int open = DescriptorsBelow(32);
-    const std::uint64_t sum = SizeOf(dir / "t");
-    return sum == static_cast<std::uint64_t>(32 - open) && DescriptorsBelow(32) == open;
+    return SizeOf(dir / "t") == static_cast<std::uint64_t>(32 - open) &&
+           DescriptorsBelow(32) == open;
   });
   if (status == kNoLimit) {
     GTEST_SKIP() << "the descriptor limit cannot be lowered here (valgrind refuses setrlimit)";
