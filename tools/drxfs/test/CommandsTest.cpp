@@ -8,14 +8,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FakeProgramDir.h"
@@ -40,15 +44,19 @@ const std::string kBinary = [] {
 const std::string kLarge(300000, 'y');
 const std::string kLongName(300, 'n');
 
-// Standard inputs that cannot be read to their end.
-int ClosedInput() {
+// Standard inputs that cannot be read to their end, and one that never ends after "new".
+int ClosedInput(const std::string&) {
   return testing::kClosedInput;
 }
-int DirectoryInput() {
+int DirectoryInput(const std::string&) {
   return ::open("/", O_RDONLY | O_CLOEXEC);
 }
+int EndlessInput(const std::string& tree) {
+  const int fifo = ::open((tree + "/fifo.tar").c_str(), O_RDWR | O_CLOEXEC);
+  return ::write(fifo, "new", 3) == 3 ? fifo : -1;
+}
 // A local stream socket whose peer closed with data it never read: 4097 bytes, then ECONNRESET.
-int ResetAfter4097Bytes() {
+int ResetAfter4097Bytes(const std::string&) {
   int ends[2] = {-1, -1};
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0 ||
       ::write(ends[1], std::string(4097, 'y').data(), 4097) != 4097 ||
@@ -65,8 +73,28 @@ enum Flags {
   kInTree = 4,            // runs in the tree, with "not an archive" on standard input
   kFullOutput = 8,        // standard output is /dev/full
   kFiveDescriptors = 16,  // descriptors 0 to 4 are all it may open
-  kFakeRm = 32            // the only program on PATH is an rm that writes its arguments to "called"
+  // The only programs on PATH: an rm that writes its arguments to "called", and a slow tar that
+  // starts a process of its own and writes both process ids to "pids".
+  kFakes = 32
 };
+
+// Waits, with a limit only a hang reaches, until done() holds, and returns whether it does.
+template <typename Done>
+bool Eventually(Done done) {
+  for (int attempt = 0; attempt < 3000 && !done(); ++attempt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return done();
+}
+
+// Whether pid names a process that has not ended (a zombie has).
+bool Running(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const std::string::size_type state = line.rfind(')') + 2;
+  return state < line.size() && line[state] != 'Z' && line[state] != 'X';
+}
 
 // "@" in any text stands for the tree. out, err and content are the whole text: exactly, as a
 // regular expression, or as a JSON document. Outside of file, the run must change nothing.
@@ -79,7 +107,8 @@ struct Case {
   std::string content = "";  // what file then holds (a directory: its tree with file contents)
   std::string input = "";
   int flags = 0;
-  int (*inputDescriptor)() = nullptr;
+  int (*inputDescriptor)(const std::string& tree) = nullptr;
+  int signal = 0;  // sent once tar has started or a replacement has begun
 };
 
 void PrintTo(const Case& value, std::ostream* os) {
@@ -179,18 +208,33 @@ TEST_P(DrxfsCommandTest, EndsWithItsStatusOutputAndChange) {
   if ((run.flags & kFiveDescriptors) != 0) {
     setting.openFileLimit = 5;
   }
-  setting.inputDescriptor = run.inputDescriptor != nullptr ? run.inputDescriptor() : -1;
+  setting.inputDescriptor = run.inputDescriptor != nullptr ? run.inputDescriptor(tree.Path()) : -1;
   ASSERT_TRUE(run.inputDescriptor == nullptr || setting.inputDescriptor != -1) << errno;
-  // Only the fake can be found, and drxfs runs unprivileged: a regression removes nothing.
+  // Only the fakes can be found, and drxfs runs unprivileged: a regression removes nothing.
   std::unique_ptr<testing::FakeProgramDir> fakes;
-  if ((run.flags & kFakeRm) != 0) {
+  if ((run.flags & kFakes) != 0) {
     fakes = std::make_unique<testing::FakeProgramDir>(testing::FakeProgramDir::Search::Only);
     fakes->AddScript("rm", "echo \"$@\" > " + tree / "called");
+    fakes->AddScript("tar", "cd " + tree.Path() + "\n/bin/sleep 600 &\necho $$ $! > pids.new\n" +
+                                "/bin/mv pids.new pids\nwait");
     ::chmod(tree.Path().c_str(), 0777);
   }
   const std::vector<std::string> before = testing::ListTree(tree.Path());
-  const DrxfsResult result = RunDrxfs(args, setting);
+  testing::DrxfsProcess drxfs(args, setting);
+  if (run.signal != 0) {
+    ASSERT_TRUE(Eventually([&] {
+      return testing::ListTree(tree.Path()) != before &&
+             !std::filesystem::exists(tree / "pids.new");
+    }));
+    ASSERT_EQ(::kill(drxfs.Pid(), run.signal), 0);
+  }
+  const DrxfsResult result = drxfs.Wait();
   ::close(setting.inputDescriptor);
+  // A stop leaves nothing running of what tar started.
+  std::ifstream pids(tree / "pids");
+  for (pid_t pid = 0; pids >> pid; ::kill(pid, SIGKILL)) {
+    EXPECT_TRUE(Eventually([pid] { return !Running(pid); })) << pid;
+  }
   EXPECT_EQ(result.status, run.status);
   EXPECT_TRUE(Matches(result.out, run.out)) << result.out.substr(0, 1000);
   EXPECT_TRUE(Matches(result.err, run.err)) << result.err;
@@ -234,17 +278,16 @@ Case Usage(std::vector<std::string> args, const std::string& says) {
 }
 
 // Writing an input that cannot be read to its end into "settings" (old).
-Case BadInput(const std::string& option, int (*input)(), const std::string& says,
-              std::string left = "old") {
-  std::vector<std::string> args = {"write", "@/settings"};
-  if (!option.empty()) {
-    args.push_back(option);
-  }
-  return Case{args,       1,
-              "",         "drxfs write: @/settings: cannot read standard input: " + says + "\n",
-              "settings", std::move(left),
-              "",         0,
-              input};
+Case BadInput(std::vector<std::string> args, int (*input)(const std::string&),
+              const std::string& says, std::string left = "old") {
+  const std::string err = "drxfs write: @/settings: cannot read standard input: " + says + "\n";
+  return Case{std::move(args), 1, "", err, "settings", std::move(left), "", 0, input};
+}
+
+// Stopped by signal while tar runs: it ends with the signal, saying nothing.
+Case Stopped(int signal, std::vector<std::string> args) {
+  return Case{std::move(args),        128 + signal, "",    "", "pids", "[0-9]+ [0-9]+\n", "",
+              kFakes | kUnprivileged, nullptr,      signal};
 }
 
 const std::string kLeft = "; it is left as it was";
@@ -291,14 +334,14 @@ INSTANTIATE_TEST_SUITE_P(
              "m/small/settings",
              "old",
              std::string(1 << 20, 'z')},
-        BadInput("", ClosedInput, "Bad file descriptor" + kLeft),
-        BadInput("--atomic", ClosedInput, "Bad file descriptor" + kLeft),
-        BadInput("", DirectoryInput, "Is a directory" + kLeft),
-        BadInput("--atomic", DirectoryInput, "Is a directory" + kLeft),
-        BadInput("", ResetAfter4097Bytes,
+        BadInput({"write", "@/settings"}, ClosedInput, "Bad file descriptor" + kLeft),
+        BadInput({"write", "--atomic", "@/settings"}, ClosedInput, "Bad file descriptor" + kLeft),
+        BadInput({"write", "@/settings"}, DirectoryInput, "Is a directory" + kLeft),
+        BadInput({"write", "--atomic", "@/settings"}, DirectoryInput, "Is a directory" + kLeft),
+        BadInput({"write", "@/settings"}, ResetAfter4097Bytes,
                  kReset + "; the 4097 bytes read before were written to it",
                  std::string(4097, 'y')),
-        BadInput("--atomic", ResetAfter4097Bytes, kReset + kLeft),
+        BadInput({"write", "--atomic", "@/settings"}, ResetAfter4097Bytes, kReset + kLeft),
         // One directory that may not be read, one whose entries may not be examined.
         Case{{"du", "@/du/"},
              1,
@@ -382,11 +425,27 @@ INSTANTIATE_TEST_SUITE_P(
         Usage({"tar", "extract", "--runner", "pipe", "--timeout", "1", "a", "/"},
               ".*needs the streaming runner"),
         // The root directory is emptied only when asked explicitly.
-        Fails({"empty", "/"}, "refusing to empty the root directory", kFakeRm | kUnprivileged),
-        Fails({"empty", "//"}, "refusing to empty the root directory", kFakeRm | kUnprivileged),
-        Fails({"empty", "/."}, "refusing to empty the root directory", kFakeRm | kUnprivileged),
+        Fails({"empty", "/"}, "refusing to empty the root directory", kFakes | kUnprivileged),
+        Fails({"empty", "//"}, "refusing to empty the root directory", kFakes | kUnprivileged),
+        Fails({"empty", "/."}, "refusing to empty the root directory", kFakes | kUnprivileged),
         Leaves({"empty", "--no-preserve-root", "/"}, "called", "-r /.*\n", "",
-               kFakeRm | kUnprivileged),
+               kFakes | kUnprivileged),
+        Stopped(SIGINT, {"tar", "list", "@/-"}), Stopped(SIGTERM, {"tar", "list", "@/-"}),
+        Stopped(SIGHUP, {"tar", "list", "@/-"}),
+        Stopped(SIGTERM, {"tar", "list", "--runner", "pipe", "@/-"}),
+        Stopped(SIGTERM, {"tar", "extract", "--timeout", "60", "@/-", "@/out"}),
+        Stopped(SIGTERM, {"tar", "extract", "--runner", "pipe", "@/-", "@/out"}),
+        // The temporary file of a replacement in progress goes.
+        Case{{"write", "--atomic", "@/settings"},
+             128 + SIGTERM,
+             "",
+             "",
+             "settings",
+             "old",
+             "",
+             kUnixOnly,
+             EndlessInput,
+             SIGTERM},
         Prints({"--help"}, "[\\s\\S]*Usage: drxfs [\\s\\S]*"),
         Prints({"tar", "extract", "--help"}, "[\\s\\S]*Usage: drxfs tar extract [\\s\\S]*")));
 
