@@ -2,22 +2,11 @@
 #pragma once
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "TestHelpers.h"
 
@@ -39,12 +28,11 @@ constexpr int kHangLimitMilliseconds = 120 * 1000;
 
 // How drxfs is started. It never sees DRX_LOG_LEVEL.
 struct DrxfsSetting {
-  std::string input;                    // its standard input
-  int inputDescriptor = -1;             // when not -1, its standard input instead (or kClosedInput)
-  std::string stdoutPath;               // where its standard output goes instead of being read
-  std::string workingDirectory;         // empty: the test's own
-  bool unprivileged = false;            // runs as kUnprivilegedId
-  std::optional<rlim_t> openFileLimit;  // RLIMIT_NOFILE
+  std::string input;             // its standard input
+  int inputDescriptor = -1;      // when not -1, its standard input instead (or kClosedInput)
+  std::string stdoutPath;        // where its standard output goes instead of being read
+  std::string workingDirectory;  // empty: the test's own
+  bool unprivileged = false;     // runs as kUnprivilegedId
 };
 
 // A copy of drxfs and of the libraries it links, made once per test process in a directory every
@@ -68,8 +56,7 @@ inline const TempDir& ReachableDrxfs() {
 class DrxfsProcess {
  public:
   explicit DrxfsProcess(std::vector<std::string> args, const DrxfsSetting& setting = {})
-      : outPath(setting.stdoutPath.empty() ? io / "stdout" : setting.stdoutPath),
-        readOut(setting.stdoutPath.empty()) {
+      : outPath(setting.stdoutPath.empty() ? io / "stdout" : setting.stdoutPath) {
     args.insert(args.begin(),
                 setting.unprivileged ? ReachableDrxfs() / "drxfs" : std::string(DRXFS_PATH));
     std::vector<std::string> environment;
@@ -101,8 +88,7 @@ class DrxfsProcess {
             ::setuid(kUnprivilegedId) == 0));
       // drxfs starts with descriptors 0 to 2 alone, whatever the test runner left open.
       ::close_range(3, ~0U, 0);
-      const rlimit limit{setting.openFileLimit.value_or(0), setting.openFileLimit.value_or(0)};
-      if (ready && (!setting.openFileLimit || ::setrlimit(RLIMIT_NOFILE, &limit) == 0)) {
+      if (ready) {
         ::execve(argv[0], argv.data(), envp.data());
       }
       ::_exit(127);
@@ -114,8 +100,6 @@ class DrxfsProcess {
       Wait();
     }
   }
-  DrxfsProcess(const DrxfsProcess&) = delete;
-  DrxfsProcess& operator=(const DrxfsProcess&) = delete;
 
   pid_t Pid() const { return pid; }
 
@@ -135,7 +119,7 @@ class DrxfsProcess {
     }
     pid = -1;
     return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status),
-            readOut ? ReadWholeFile(outPath) : "", ReadWholeFile(io / "stderr")};
+            outPath == io / "stdout" ? ReadWholeFile(outPath) : "", ReadWholeFile(io / "stderr")};
   }
 
  private:
@@ -150,14 +134,7 @@ class DrxfsProcess {
 
   TempDir io;
   std::string outPath;
-  bool readOut;
   pid_t pid = -1;
 };
-
-// Runs drxfs to its end.
-inline DrxfsResult RunDrxfs(const std::vector<std::string>& args,
-                            const DrxfsSetting& setting = {}) {
-  return DrxfsProcess(args, setting).Wait();
-}
 
 }  // namespace drn::testing
