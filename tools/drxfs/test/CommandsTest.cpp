@@ -1,19 +1,24 @@
-// Each drxfs command's output and exit status on real files, trees and archives.
+// Each drxfs command run as a process on a real tree: arguments and input in, then exit status,
+// standard output, standard error and what the run changed in the tree.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include "FakeProgramDir.h"
@@ -24,103 +29,27 @@ namespace drn {
 namespace {
 
 using testing::DrxfsResult;
-using testing::DrxfsSetting;
-using testing::FakeProgramDir;
-using testing::ListTree;
 using testing::ReadWholeFile;
-using testing::RunDrxfs;
-using testing::ScratchFileSystem;
-using testing::TempDir;
-using testing::WithInput;
 
-TEST(DrxfsCommandTest, PathReportsWhatThePathSaysAsTextAndJson) {
-  const TempDir dir;
-  const std::string logs = dir.MakeDir("logs");
-  const DrxfsResult text = RunDrxfs({"path", logs});
-  EXPECT_EQ(text.status, 0);
-  EXPECT_EQ(text.out, logs + ": exists=yes directory=yes basename=\"logs\"\n");
-
-  const DrxfsResult json = RunDrxfs({"path", "--json", dir / "missing.txt"});
-  ASSERT_EQ(json.status, 0) << json.err;
-  EXPECT_EQ(nlohmann::json::parse(json.out), (nlohmann::json{{"path", dir / "missing.txt"},
-                                                             {"exists", false},
-                                                             {"directory", false},
-                                                             {"basename", "missing.txt"}}));
-}
-
-TEST(DrxfsCommandTest, SizeAndDfPrintBytesOrHumanUnits) {
-  const TempDir dir;
-  if (testing::OnFat(dir.Path())) {
-    GTEST_SKIP() << "FAT has no sparse files and none of 4 GiB or more";
-  }
-  const std::string file = dir.WriteFile("tree/f", "");
-  // Sparse: large sizes cost nothing. Values that would show as 1024.0 go to the next unit.
-  const std::vector<std::pair<off_t, std::string>> sizes = {
-      {1023, "1023 B"}, {1536, "1.5 KiB"}, {1048575, "1.0 MiB"}, {5LL << 30, "5.0 GiB"}};
-  for (const auto& [bytes, human] : sizes) {
-    ASSERT_EQ(::truncate(file.c_str(), bytes), 0);
-    EXPECT_EQ(RunDrxfs({"size", file}).out, std::to_string(bytes) + "\n");
-    EXPECT_EQ(RunDrxfs({"size", "-h", file}).out, human + "\n");
-  }
-  const std::string df = RunDrxfs({"df", dir.Path()}).out;
-  EXPECT_TRUE(std::regex_match(df, std::regex("[0-9]+\t[0-9]+%\n"))) << df;
-}
-
-TEST(DrxfsCommandTest, FileCommandsChangeAndCopyContents) {
-  const TempDir dir;
-  const std::string file = dir / "f";
-  EXPECT_EQ(RunDrxfs({"touch", file}).status, 0);
-  EXPECT_EQ(ReadWholeFile(file), "");
-  dir.WriteFile("f", "contents");
-  EXPECT_EQ(RunDrxfs({"touch", file}).status, 0);
-  EXPECT_EQ(ReadWholeFile(file), "contents");
-  EXPECT_EQ(RunDrxfs({"truncate", file}).status, 0);
-  EXPECT_EQ(ReadWholeFile(file), "");
-
-  // Every byte value, over several 64 KiB blocks and a partial one.
+// Every byte value, over several 64 KiB blocks and a partial one.
+const std::string kBinary = [] {
   std::string content(200000, '\0');
   for (std::size_t i = 0; i < content.size(); ++i) {
     content[i] = static_cast<char>((i * 7 + i / 256) % 256);
   }
-  const DrxfsResult cat = RunDrxfs({"cat", dir.WriteFile("binary", content)});
-  EXPECT_EQ(cat.status, 0) << cat.err;
-  EXPECT_TRUE(cat.out == content) << "different output of " << cat.out.size() << " bytes";
-  const std::string big = dir.WriteFile("big", "");
-  EXPECT_EQ(RunDrxfs({"write", big}, WithInput(content)).status, 0);
-  EXPECT_TRUE(ReadWholeFile(big) == content);
+  return content;
+}();
+const std::string kLongName(300, 'n');
 
-  const std::string small = dir.WriteFile("small", "0123456789");
-  EXPECT_EQ(RunDrxfs({"write", small}, WithInput("ab")).status, 0);
-  EXPECT_EQ(ReadWholeFile(small), "ab23456789");
+// Standard inputs that cannot be read to their end, and one that never ends after "new".
+const auto ClosedInput = [](const std::string&) { return testing::kClosedInput; };
+const auto DirectoryInput = [](const std::string&) { return ::open("/", O_RDONLY | O_CLOEXEC); };
+int EndlessInput(const std::string& tree) {
+  const int fifo = ::open((tree + "/fifo.tar").c_str(), O_RDWR | O_CLOEXEC);
+  return ::write(fifo, "new", 3) == 3 ? fifo : -1;
 }
-
-TEST(DrxfsCommandTest, WriteAtomicReplacesTheWholeFileOrLeavesItAsItWas) {
-  const TempDir dir;
-  const std::string settings = dir.WriteFile("settings", "an old content longer than the new");
-  EXPECT_EQ(RunDrxfs({"write", "--atomic", settings}, WithInput("new")).status, 0);
-  EXPECT_EQ(ReadWholeFile(settings), "new");
-  const std::string input(300000, 'y');
-  EXPECT_EQ(RunDrxfs({"write", dir / "fresh", "--atomic"}, WithInput(input)).status, 0);
-  EXPECT_TRUE(ReadWholeFile(dir / "fresh") == input);
-
-  // More input than the file system holds: nothing changes, and the failure says why.
-  const ScratchFileSystem small(dir / "small", "size=64k");
-  ASSERT_EQ(small.Failure(), "");
-  const std::string full = dir.WriteFile("small/settings", "old");
-  const DrxfsResult failed =
-      RunDrxfs({"write", "--atomic", full}, WithInput(std::string(1 << 20, 'z')));
-  EXPECT_EQ(failed.status, 1);
-  EXPECT_TRUE(
-      std::regex_match(failed.err, std::regex("drxfs write: " + full + ": replacing " + full +
-                                              " failed on write to .*: No space "
-                                              "left on device; it keeps its old content\n")))
-      << failed.err;
-  EXPECT_EQ(ReadWholeFile(full), "old");
-  EXPECT_EQ(ListTree(small.MountPoint()), std::vector<std::string>{"settings"});
-}
-
 // A local stream socket whose peer closed with data it never read: 4097 bytes, then ECONNRESET.
-int ResetAfter4097Bytes() {
+int ResetAfter4097Bytes(const std::string&) {
   int ends[2] = {-1, -1};
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0 ||
       ::write(ends[1], std::string(4097, 'y').data(), 4097) != 4097 ||
@@ -131,234 +60,345 @@ int ResetAfter4097Bytes() {
   return ends[0];
 }
 
-// What writing an input that cannot be read to its end into a file holding "old" says and leaves
-// there.
-struct BadInputCase {
-  int (*input)();
-  bool atomic;
-  std::string says;  // after "FILE: cannot read standard input: "
-  std::string left;
+enum Flags {
+  kUnprivileged = 1,
+  kUnixOnly = 2,    // needs what FAT cannot hold (pipes, links, permissions, ':', 5 GiB)
+  kInTree = 4,      // runs in the tree, with "not an archive" on standard input
+  kFullOutput = 8,  // standard output is /dev/full
+  // The only programs on PATH: an rm that writes its arguments to "called", and a slow tar that
+  // starts a process of its own and writes both process ids to "pids".
+  kFakes = 32
 };
 
-void PrintTo(const BadInputCase& value, std::ostream* os) {
-  *os << value.says << (value.atomic ? " --atomic" : "");
-}
-
-class DrxfsBadInputTest : public ::testing::TestWithParam<BadInputCase> {};
-
-TEST_P(DrxfsBadInputTest, FailsAndTellsWhatReachedTheFile) {
-  const TempDir dir;
-  const std::string file = dir.WriteFile("settings", "old");
-  DrxfsSetting setting;
-  setting.inputDescriptor = GetParam().input();
-  ASSERT_NE(setting.inputDescriptor, -1) << std::strerror(errno);
-  std::vector<std::string> args = {"write", file};
-  if (GetParam().atomic) {
-    args.emplace_back("--atomic");
+// Waits, with a limit only a hang reaches, until done() holds, and returns whether it does.
+template <typename Done>
+bool Eventually(Done done) {
+  for (int attempt = 0; attempt < 3000 && !done(); ++attempt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  const DrxfsResult result = RunDrxfs(args, setting);
-  ::close(setting.inputDescriptor);
-  testing::ExpectOneLineFailure(result, 1);
-  EXPECT_NE(result.err.find(file + ": cannot read standard input: " + GetParam().says),
-            std::string::npos)
-      << result.err;
-  EXPECT_EQ(ReadWholeFile(file), GetParam().left);
-  EXPECT_EQ(ListTree(dir.Path()), std::vector<std::string>{"settings"});
+  return done();
 }
 
+// Whether pid names a process that has not ended (a zombie has).
+bool Running(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const std::string::size_type state = line.rfind(')') + 2;
+  return state < line.size() && line[state] != 'Z' && line[state] != 'X';
+}
+
+// "@" in any text stands for the tree. out, err and content are the whole text: exactly, as a
+// regular expression, or as a JSON document. Outside of file, the run must change nothing.
+struct Case {
+  std::vector<std::string> args;
+  int status;
+  std::string out;
+  std::string err;
+  std::string file = "";     // the entry the run may change
+  std::string content = "";  // what file then holds (a directory: its tree with file contents)
+  std::string input = "";
+  int flags = 0;
+  int (*inputDescriptor)(const std::string& tree) = nullptr;
+  int signal = 0;  // sent once tar has started or a replacement has begun
+};
+
+void PrintTo(const Case& value, std::ostream* os) {
+  *os << ::testing::PrintToString(value.args);
+}
+
+std::string Replace(const std::string& text, const std::string& by) {
+  return std::regex_replace(text, std::regex("@"), by);
+}
+
+// The tree: "file" (x), "out/", "digits", "settings" (old), "binary", archives "corrupt.tar",
+// "long.tar" (1000 names of 99 bytes, more than a pipe holds, with a damaged header after the
+// 600th), "-" and "logs_2024-05-01T12:30:00.tar" (a.txt alpha, then sub/b.txt beta), "fifo.tar" (a
+// pipe no one writes to), "loop" (a link to itself), "locked/inside" (only root may search
+// locked), sparse "s/SIZE", "du/" with two directories unprivileged du cannot count, "e/", "dots/"
+// (a dotted entry alone), "\xff.tar" (names that are not UTF-8 and "\xc3\xa9t\xc3\xa9.txt"), and
+// "m/small", a 64 KiB file system holding "settings".
+const char* const kTree = R"(cd "$1" && set -e; printf old > m/small/settings
+printf x > file; printf 0123456789 > digits; printf old > settings; mkdir -p out src/sub e/sub dots
+printf %02000d 0 > corrupt.tar; printf alpha > src/a.txt; printf beta > src/sub/b.txt
+tar -cf ./- -C src a.txt sub; : > e/.hidden; printf y > e/f; printf y > e/sub/file; : > dots/.hidden
+m=$(printf %099d 0 | tr 0 m); : > $m; tar --format=gnu -cf long.tar $(yes $m | head -n 1000)
+printf %0100d 0 | tr 0 x | dd of=long.tar bs=512 seek=600 conv=notrunc status=none
+[ "$2" = fat ] && exit 0
+mkdir -p locked s du/open/locked du/listable; printf x > locked/inside; mkfifo fifo.tar; ln -s loop loop
+cp ./- logs_2024-05-01T12:30:00.tar; truncate -s 100 du/f; truncate -s 50 du/open/g
+truncate -s 1000 du/open/locked/h du/listable/i; chmod 700 locked du/open/locked; chmod 744 du/listable
+for size in 1023 1536 1048575 5368709120; do truncate -s $size s/$size; done
+b=$(printf "f\377\376.txt"); g=$(printf "\303\251t\303\251.txt"); mkdir u; : > "u/$b"; : > "u/$g"
+tar -cf "$(printf "\377").tar" -C u "$b" "$g")";
+
+class DrxfsCommandTest : public ::testing::TestWithParam<Case> {
+ protected:
+  void SetUp() override {
+    const bool fat = testing::OnFat(tree.Path());
+    if (fat && (GetParam().flags & (kUnixOnly | kUnprivileged)) != 0) {
+      GTEST_SKIP() << "FAT holds no pipes, links, permission bits, ':' in names or 5 GiB files";
+    }
+    const std::string make =
+        "sh -c '" + std::string(kTree) + "' sh " + tree.Path() + (fat ? " fat" : "");
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    tree.WriteFile("binary", kBinary);
+    ASSERT_EQ(small.Failure(), "");
+  }
+
+  // The tree below path: each entry, with a regular file's contents after "=".
+  std::string Shown(const std::string& path) const {
+    if (!std::filesystem::is_directory(path)) {
+      return ReadWholeFile(path);
+    }
+    std::string shown;
+    for (const std::string& entry : testing::ListTree(path)) {
+      const std::string full = path + "/" + entry;
+      shown += entry + (std::filesystem::is_regular_file(full) ? "=" + ReadWholeFile(full) : "");
+      shown += " ";
+    }
+    return shown;
+  }
+
+  bool Matches(const std::string& text, const std::string& pattern) const {
+    const std::string exact = Replace(pattern, tree.Path());
+    if (pattern.rfind('{', 0) == 0) {
+      return nlohmann::json::parse(text, nullptr, false) == nlohmann::json::parse(exact);
+    }
+    const std::string escaped = std::regex_replace(tree.Path(), std::regex("[^/\\w]"), "\\$&");
+    return text == pattern || text == exact ||
+           std::regex_match(text, std::regex(Replace(pattern, escaped)));
+  }
+
+  testing::TempDir tree;
+  // tar writes valid UTF-8 names as they are only in a UTF-8 locale.
+  const testing::ScopedEnvironmentVariable utf8{"LC_ALL", "C.UTF-8"};
+  testing::ScratchFileSystem small{tree / "m/small", "size=64k"};
+};
+
+TEST_P(DrxfsCommandTest, EndsWithItsStatusOutputAndChange) {
+  const Case& run = GetParam();
+  std::vector<std::string> args;
+  for (const std::string& arg : run.args) {
+    args.push_back(Replace(arg, tree.Path()));
+  }
+  testing::DrxfsSetting setting;
+  setting.input = (run.flags & kInTree) != 0 ? "not an archive" : run.input;
+  setting.workingDirectory = (run.flags & kInTree) != 0 ? tree.Path() : "";
+  setting.unprivileged = (run.flags & kUnprivileged) != 0;
+  setting.stdoutPath = (run.flags & kFullOutput) != 0 ? "/dev/full" : "";
+  setting.inputDescriptor = run.inputDescriptor != nullptr ? run.inputDescriptor(tree.Path()) : -1;
+  ASSERT_TRUE(run.inputDescriptor == nullptr || setting.inputDescriptor != -1) << errno;
+  // Only the fakes can be found, and drxfs runs unprivileged: a regression removes nothing.
+  std::unique_ptr<testing::FakeProgramDir> fakes;
+  if ((run.flags & kFakes) != 0) {
+    fakes = std::make_unique<testing::FakeProgramDir>(testing::FakeProgramDir::Search::Only);
+    fakes->AddScript("rm", "echo \"$@\" > " + tree / "called");
+    fakes->AddScript("tar", "cd " + tree.Path() + "\n/bin/sleep 600 &\necho $$ $! > pids.new\n" +
+                                "/bin/mv pids.new pids\nwait");
+    ::chmod(tree.Path().c_str(), 0777);
+  }
+  const std::vector<std::string> before = testing::ListTree(tree.Path());
+  testing::DrxfsProcess drxfs(args, setting);
+  if (run.signal != 0) {
+    ASSERT_TRUE(Eventually([&] {
+      return testing::ListTree(tree.Path()) != before &&
+             !std::filesystem::exists(tree / "pids.new");
+    }));
+    ASSERT_EQ(::kill(drxfs.Pid(), run.signal), 0);
+  }
+  const DrxfsResult result = drxfs.Wait();
+  ::close(setting.inputDescriptor);
+  // A stop leaves nothing running of what tar started.
+  std::ifstream pids(tree / "pids");
+  for (pid_t pid = 0; pids >> pid; ::kill(pid, SIGKILL)) {
+    EXPECT_TRUE(Eventually([pid] { return !Running(pid); })) << pid;
+  }
+  EXPECT_EQ(result.status, run.status);
+  EXPECT_TRUE(Matches(result.out, run.out)) << result.out.substr(0, 1000);
+  EXPECT_TRUE(Matches(result.err, run.err)) << result.err;
+  EXPECT_LE(result.err.size(), 1024u);
+  std::vector<std::string> after = testing::ListTree(tree.Path()), changed;
+  std::set_symmetric_difference(before.begin(), before.end(), after.begin(), after.end(),
+                                std::back_inserter(changed));
+  for (const std::string& entry : changed) {
+    EXPECT_TRUE(!run.file.empty() && (entry + "/").rfind(run.file + "/", 0) == 0) << entry;
+  }
+  EXPECT_TRUE(run.file.empty() || Matches(Shown(tree / run.file), run.content))
+      << Shown(tree / run.file).substr(0, 1000);
+}
+
+// Any run.
+Case Run(std::vector<std::string> args, int status, std::string out, std::string err,
+         std::string file, std::string content, std::string input = "", int flags = 0,
+         int (*descriptor)(const std::string&) = nullptr, int signal = 0) {
+  return Case{std::move(args),    status,           std::move(out), std::move(err), std::move(file),
+              std::move(content), std::move(input), flags,          descriptor,     signal};
+}
+
+// A success, with what it prints.
+Case Prints(std::vector<std::string> args, std::string out, int flags = 0) {
+  return Case{std::move(args), 0, std::move(out), "", "", "", "", flags};
+}
+
+// A success, with what it leaves in file.
+Case Leaves(std::vector<std::string> args, std::string file, std::string content,
+            std::string input = "", int flags = 0) {
+  return Case{std::move(args),  0,    "", "", std::move(file), std::move(content),
+              std::move(input), flags};
+}
+
+// A failure: status 1, nothing on standard output, one line naming the path (by default the
+// last argument, a long one by its end: the middle is left out) and the reason.
+Case Fails(std::vector<std::string> args, const std::string& reason, int flags = 0,
+           std::string path = "") {
+  if (path.empty()) {
+    path = args.back().substr(args.back().size() - std::min<std::size_t>(args.back().size(), 64));
+  }
+  return Case{std::move(args), 1, "", ".*" + path + ": .*" + reason + ".*\n", "", "", "", flags};
+}
+
+// Writing an input that cannot be read to its end into "settings" (old).
+Case BadInput(std::vector<std::string> args, int (*input)(const std::string&),
+              const std::string& says, std::string left = "old") {
+  const std::string err = "drxfs write: @/settings: cannot read standard input: " + says + "\n";
+  return Case{std::move(args), 1, "", err, "settings", std::move(left), "", 0, input};
+}
+
+// Stopped by signal while tar runs: it ends with the signal, saying nothing.
+Case Stopped(int signal, std::vector<std::string> args) {
+  return Case{std::move(args),        128 + signal, "",    "", "pids", "[0-9]+ [0-9]+\n", "",
+              kFakes | kUnprivileged, nullptr,      signal};
+}
+
+const std::string kFull =
+    "drxfs write: @/m/small/settings: replacing @/m/small/settings failed on write to .*: No space "
+    "left on device; it keeps its old content\n";
+const std::string kUnread =
+    "drxfs du: @/du/: 2 directories could not be read and not counted, the first "
+    "@/du/(open/locked|listable): Permission denied\n";
+const std::string kMounted =
+    ".*/m/small is a mount point: the mounted file system's contents may already be gone.*\n";
+const std::string kStreaming = ".*needs the streaming runner.*\n";
 const std::string kLeft = "; it is left as it was";
 const std::string kReset = "Connection reset by peer";
-const auto closedInput = [] { return testing::kClosedInput; };
-const auto directoryInput = [] { return ::open("/", O_RDONLY | O_CLOEXEC); };
+const std::string kTar = "a.txt\nsub/b.txt\n";
+const std::string kExtracted = "a.txt=alpha sub sub/b.txt=beta ";
 
 INSTANTIATE_TEST_SUITE_P(
-    Inputs, DrxfsBadInputTest,
-    ::testing::Values(BadInputCase{closedInput, false, "Bad file descriptor" + kLeft, "old"},
-                      BadInputCase{closedInput, true, "Bad file descriptor" + kLeft, "old"},
-                      BadInputCase{directoryInput, false, "Is a directory" + kLeft, "old"},
-                      BadInputCase{directoryInput, true, "Is a directory" + kLeft, "old"},
-                      BadInputCase{ResetAfter4097Bytes, false,
-                                   kReset + "; the 4097 bytes read before were written to it",
-                                   std::string(4097, 'y')},
-                      BadInputCase{ResetAfter4097Bytes, true, kReset + kLeft, "old"}));
-
-TEST(DrxfsCommandTest, DuCountsWhatItCanReadAndFailsNamingWhatItCannot) {
-  const TempDir dir;
-  if (testing::OnFat(dir.Path())) {
-    GTEST_SKIP() << "FAT keeps no permission bits: every directory can be read";
-  }
-  dir.WriteFile("tree/f", std::string(100, 'x'));
-  dir.WriteFile("tree/open/g", std::string(50, 'x'));
-  // One directory that may not be read, one whose entries may not be examined.
-  dir.WriteFile("tree/open/locked/h", std::string(1000, 'x'));
-  dir.WriteFile("tree/listable/i", std::string(1000, 'x'));
-  ASSERT_EQ(::chmod((dir / "tree/open/locked").c_str(), 0700), 0);
-  ASSERT_EQ(::chmod((dir / "tree/listable").c_str(), 0744), 0);
-  const DrxfsResult result = RunDrxfs({"du", dir / "tree/"}, testing::Unprivileged());
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "150\n");
-  EXPECT_TRUE(std::regex_match(
-      result.err, std::regex("drxfs du: " +
-                             dir / "tree/: 2 directories could not be read and not "
-                                   "counted, the first " +
-                             dir / "tree/(open/locked|listable): Permission denied\n")))
-      << result.err;
-}
-
-TEST(DrxfsCommandTest, MkdirAndEmptyLeaveWhatIsAlreadyAsAsked) {
-  const TempDir dir;
-  const std::string nested = dir / "a/b c/d";
-  EXPECT_EQ(RunDrxfs({"mkdir", nested}).status, 0);
-  dir.WriteFile("a/b c/d/sub/file", "y");
-  dir.WriteFile("a/b c/d/.hidden", "z");
-  EXPECT_EQ(RunDrxfs({"mkdir", nested}).status, 0);
-  EXPECT_TRUE(std::filesystem::exists(nested + "/sub/file"));
-
-  EXPECT_EQ(RunDrxfs({"empty", nested}).status, 0);
-  EXPECT_TRUE(std::filesystem::exists(nested + "/.hidden"));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(nested), {}), 1);
-  const DrxfsResult again = RunDrxfs({"empty", nested});
-  EXPECT_EQ(again.status, 0);
-  EXPECT_EQ(again.err, "");
-}
-
-TEST(DrxfsEmptyTest, TheRootDirectoryIsEmptiedOnlyWhenAskedExplicitly) {
-  // Only a fake rm can be found, and drxfs runs unprivileged: a regression removes nothing.
-  const FakeProgramDir fakes(FakeProgramDir::Search::Only);
-  if (testing::OnFat(fakes.Dir().Path())) {
-    GTEST_SKIP() << "FAT keeps no permission bits: the unprivileged fake rm cannot write there";
-  }
-  ::chmod(fakes.Dir().Path().c_str(), 0777);
-  const std::string called = fakes.Dir() / "called";
-  fakes.AddScript("rm", "echo \"$@\" > " + called);
-  const DrxfsSetting setting = testing::Unprivileged();
-  for (const std::string root : {"/", "//", "/."}) {
-    const DrxfsResult refused = RunDrxfs({"empty", root}, setting);
-    testing::ExpectOneLineFailure(refused, 1);
-    EXPECT_NE(refused.err.find(root + ": refusing to empty the root directory"), std::string::npos)
-        << refused.err;
-    EXPECT_FALSE(std::filesystem::exists(called));
-  }
-  EXPECT_EQ(RunDrxfs({"empty", "--no-preserve-root", "/"}, setting).status, 0);
-  EXPECT_EQ(ReadWholeFile(called).rfind("-r /", 0), 0u) << ReadWholeFile(called);
-}
-
-TEST(DrxfsEmptyTest, AFailureAtAMountPointSaysTheMountedContentsMayBeGone) {
-  const TempDir dir;
-  const std::string mountPoint = dir.MakeDir("d/mnt");
-  const ScratchFileSystem mounted(mountPoint, "size=1m");
-  ASSERT_EQ(mounted.Failure(), "");
-  dir.WriteFile("d/mnt/kept-on-the-mount", "x");
-  const DrxfsResult result = RunDrxfs({"empty", dir / "d"});
-  testing::ExpectOneLineFailure(result, 1);
-  const std::string shown = std::filesystem::canonical(mountPoint).string();
-  EXPECT_NE(
-      result.err.find(shown + " is a mount point: the mounted file system's contents may already "
-                              "be gone"),
-      std::string::npos)
-      << result.err;
-  EXPECT_FALSE(std::filesystem::exists(mountPoint + "/kept-on-the-mount"));
-}
-
-// The ways of choosing a runner: the default (streaming), the contract's pipe runner, and the
-// default's old flag.
-const std::vector<std::vector<std::string>> kRunnerChoices = {
-    {}, {"--runner", "pipe"}, {"--streaming"}};
-
-// command, then the runner choice, then operands.
-std::vector<std::string> TarCommand(const std::string& command,
-                                    const std::vector<std::string>& runner,
-                                    const std::vector<std::string>& operands) {
-  std::vector<std::string> args = {"tar", command};
-  args.insert(args.end(), runner.begin(), runner.end());
-  args.insert(args.end(), operands.begin(), operands.end());
-  return args;
-}
-
-// Makes archive in dir from src's a.txt (alpha) and sub/b.txt (beta), in that order with sub/.
-void MakeArchive(const TempDir& dir, const std::string& archive) {
-  dir.WriteFile("src/a.txt", "alpha");
-  dir.WriteFile("src/sub/b.txt", "beta");
-  const std::string command = "tar -cf '" + archive + "' -C '" + (dir / "src") + "' a.txt sub";
-  ASSERT_EQ(std::system(command.c_str()), 0);
-}
-
-// Relative archive names are local files: tar would read "-" from standard input, and look for a
-// host "logs_2024-05-01T12".
-TEST(DrxfsCommandTest, TarListsMembersWithoutDirectoriesAndExtractsWithEveryRunner) {
-  const TempDir dir;
-  MakeArchive(dir, dir / "-");
-  // FAT refuses ':' in names.
-  const bool onFat = testing::OnFat(dir.Path());
-  std::vector<std::string> archives = {"-"};
-  if (!onFat) {
-    archives.emplace_back("logs_2024-05-01T12:30:00.tar");
-    std::filesystem::copy_file(dir / "-", dir / archives.back());
-  }
-  DrxfsSetting setting = WithInput("not an archive");
-  setting.workingDirectory = dir.Path();
-  for (const auto& runner : kRunnerChoices) {
-    SCOPED_TRACE(::testing::PrintToString(runner));
-    for (const std::string& archive : archives) {
-      const DrxfsResult listed = RunDrxfs(TarCommand("list", runner, {archive}), setting);
-      EXPECT_EQ(listed.out, "a.txt\nsub/b.txt\n") << listed.err;
-    }
-    const DrxfsResult json = RunDrxfs(TarCommand("list", runner, {"--json", "-"}), setting);
-    ASSERT_EQ(json.status, 0) << json.err;
-    EXPECT_EQ(nlohmann::json::parse(json.out),
-              (nlohmann::json{{"archive", "-"}, {"entries", {"a.txt", "sub/b.txt"}}}));
-
-    const std::string out = (onFat ? "out-" : "out:") + std::to_string(runner.size());
-    dir.MakeDir(out);
-    const DrxfsResult extracted = RunDrxfs(TarCommand("extract", runner, {"-", out}), setting);
-    EXPECT_EQ(extracted.status, 0) << extracted.err;
-    EXPECT_EQ(extracted.out + extracted.err, "");
-    EXPECT_EQ(ReadWholeFile(dir / out + "/a.txt"), "alpha");
-    EXPECT_EQ(ReadWholeFile(dir / out + "/sub/b.txt"), "beta");
-  }
-  if (onFat) {
-    GTEST_SKIP() << "FAT refuses ':' in names: only \"-\" was tried";
-  }
-}
-
-TEST(DrxfsNameTest, JsonWritesNamesThatAreNotUtf8AsTheirBytes) {
-  const TempDir dir;
-  if (testing::OnFat(dir.Path())) {
-    GTEST_SKIP() << "FAT keeps names in UTF-16: a name that is not UTF-8 cannot be made there";
-  }
-  const std::string bad = "f\xff\xfe.txt";
-  const std::string good = "\xc3\xa9t\xc3\xa9.txt";  // "été.txt"
-  const std::string file = dir.WriteFile("d\xff/" + bad, "12345");
-  dir.WriteFile("d\xff/" + good, "");
-  const auto bytes = [](const std::string& text) {
-    return nlohmann::json(std::vector<unsigned char>(text.begin(), text.end()));
-  };
-  const auto json = [](const std::vector<std::string>& args) {
-    const DrxfsResult result = RunDrxfs(args);
-    EXPECT_EQ(result.status, 0) << result.err;
-    return nlohmann::json::parse(result.out);
-  };
-  EXPECT_EQ(json({"path", "--json", file}), (nlohmann::json{{"path", bytes(file)},
-                                                            {"exists", true},
-                                                            {"directory", false},
-                                                            {"basename", bytes(bad)}}));
-  EXPECT_EQ(json({"size", "--json", file}), (nlohmann::json{{"path", bytes(file)}, {"bytes", 5}}));
-  EXPECT_EQ(json({"du", "--json", dir / "d\xff"}),
-            (nlohmann::json{{"path", bytes(dir / "d\xff")}, {"bytes", 5}}));
-  EXPECT_EQ(json({"df", "--json", dir / "d\xff"})["path"], bytes(dir / "d\xff"));
-
-  const std::string archive = dir / "a\xff.tar";
-  const std::string command =
-      "tar -cf '" + archive + "' -C '" + (dir / "d\xff") + "' '" + bad + "' '" + good + "'";
-  ASSERT_EQ(std::system(command.c_str()), 0);
-  // tar itself writes such member names escaped (f\377\376.txt), and valid UTF-8 ones as they
-  // are only in a UTF-8 locale; the archive's name comes from the command line.
-  const testing::ScopedEnvironmentVariable utf8("LC_ALL", "C.UTF-8");
-  const nlohmann::json listed = json({"tar", "list", "--json", archive});
-  EXPECT_EQ(listed["archive"], bytes(archive));
-  EXPECT_EQ(listed["entries"].size(), 2u);
-  EXPECT_EQ(listed["entries"].back(), good);
-}
+    Runs, DrxfsCommandTest,
+    ::testing::Values(
+        Prints({"path", "@/out"}, "@/out: exists=yes directory=yes basename=\"out\"\n"),
+        Prints({"path", "--json", "@/file"},
+               R"({"path": "@/file", "exists": true, "directory": false, "basename": "file"})"),
+        // Names that are not UTF-8 are written as their bytes; tar writes them escaped.
+        Prints({"path", "--json", "\xff"},
+               R"({"path": [255], "exists": false, "directory": false, "basename": [255]})",
+               kInTree),
+        Prints({"tar", "list", "--json", "\xff.tar"},
+               R"({"archive": [255, 46, 116, 97, 114], "entries": ["f\\377\\376.txt", "été.txt"]})",
+               kInTree | kUnixOnly),
+        Prints({"size", "--json", "@/digits"}, R"({"path": "@/digits", "bytes": 10})"),
+        Prints({"du", "--json", "@/e"}, R"({"path": "@/e", "bytes": 2})"),
+        Prints({"df", "@"}, "[0-9]+\t[0-9]+%\n"),
+        // Values that would show as 1024.0 go to the next unit.
+        Prints({"size", "@/s/5368709120"}, "5368709120\n", kUnixOnly),
+        Prints({"size", "-h", "@/s/1023"}, "1023 B\n", kUnixOnly),
+        Prints({"size", "-h", "@/s/1536"}, "1.5 KiB\n", kUnixOnly),
+        Prints({"size", "-h", "@/s/1048575"}, "1.0 MiB\n", kUnixOnly),
+        Prints({"size", "-h", "@/s/5368709120"}, "5.0 GiB\n", kUnixOnly),
+        Prints({"cat", "@/binary"}, kBinary), Leaves({"touch", "@/new"}, "new", ""),
+        Leaves({"touch", "@/file"}, "file", "x"), Leaves({"truncate", "@/file"}, "file", ""),
+        Leaves({"write", "@/file"}, "file", kBinary, kBinary),
+        Leaves({"write", "@/digits"}, "digits", "ab23456789", "ab"),
+        Leaves({"write", "--atomic", "@/settings"}, "settings", "new", "new"),
+        Leaves({"write", "@/fresh", "--atomic"}, "fresh", kBinary, kBinary),
+        // More input than the file system holds: nothing changes, and the failure says why.
+        Run({"write", "--atomic", "@/m/small/settings"}, 1, "", kFull, "m/small/settings", "old",
+            std::string(1 << 20, 'z')),
+        BadInput({"write", "@/settings"}, ClosedInput, "Bad file descriptor" + kLeft),
+        BadInput({"write", "--atomic", "@/settings"}, ClosedInput, "Bad file descriptor" + kLeft),
+        BadInput({"write", "@/settings"}, DirectoryInput, "Is a directory" + kLeft),
+        BadInput({"write", "--atomic", "@/settings"}, DirectoryInput, "Is a directory" + kLeft),
+        BadInput({"write", "@/settings"}, ResetAfter4097Bytes,
+                 kReset + "; the 4097 bytes read before were written to it",
+                 std::string(4097, 'y')),
+        BadInput({"write", "--atomic", "@/settings"}, ResetAfter4097Bytes, kReset + kLeft),
+        // One directory that may not be read, one whose entries may not be examined.
+        Case{{"du", "@/du/"}, 1, "150\n", kUnread, "", "", "", kUnprivileged | kUnixOnly},
+        Leaves({"mkdir", "@/a/b c/d"}, "a", "b c b c/d "),
+        Leaves({"mkdir", "@/e"}, "e", ".hidden= f=y sub sub/file=y "),
+        Leaves({"empty", "@/e"}, "e", ".hidden= "),
+        Leaves({"empty", "@/dots"}, "dots", ".hidden= "),
+        Case{{"empty", "@/m"}, 1, "", kMounted, "m", "small "},
+        // Relative archive names are local files: tar would read "-" from standard input, and
+        // look for a host "logs_2024-05-01T12".
+        Prints({"tar", "list", "-"}, kTar, kInTree),
+        Prints({"tar", "list", "logs_2024-05-01T12:30:00.tar"}, kTar, kInTree | kUnixOnly),
+        Prints({"tar", "list", "--json", "-"},
+               R"({"archive": "-", "entries": ["a.txt", "sub/b.txt"]})", kInTree),
+        Prints({"tar", "list", "--runner", "pipe", "-"}, kTar, kInTree),
+        Prints({"tar", "list", "--streaming", "-"}, kTar, kInTree),
+        Leaves({"tar", "extract", "-", "out"}, "out", kExtracted, "", kInTree),
+        Leaves({"tar", "extract", "--runner", "pipe", "-", "out"}, "out", kExtracted, "", kInTree),
+        Leaves({"tar", "extract", "--streaming", "-", "out"}, "out", kExtracted, "", kInTree),
+        Fails({"size", "@/missing"}, "No such file"), Fails({"size", "@/out"}, "Is a directory"),
+        Fails({"size", "@/loop"}, "Too many levels of symbolic links", kUnixOnly),
+        Fails({"size", "@/locked/inside"}, "Permission denied", kUnprivileged | kUnixOnly),
+        // FAT's look-up does not measure the name: it finds no such entry.
+        Fails({"size", "@/" + kLongName}, "(File name too long|No such file)"),
+        Fails({"mkdir", "@/" + kLongName}, "File name too long"),
+        Fails({"touch", "@/no/f"}, "No such file"),
+        // Reading address 0 of the process fails: a read error is not an end of file.
+        Fails({"cat", "/proc/self/mem"}, "Input/output error"),
+        Fails({"write", "@/missing"}, "No such file"), Fails({"du", "@/file"}, "Not a directory"),
+        Fails({"du", "@/locked"}, "Permission denied", kUnprivileged | kUnixOnly),
+        Fails({"df", "/proc"}, "total size of 0"),
+        Fails({"mkdir", "@/file"}, "exists and is not a directory"),
+        Fails({"mkdir", "@/file/sub"}, "Not a directory"),
+        Fails({"mkdir", "@/locked/sub"}, "Permission denied", kUnprivileged | kUnixOnly),
+        Fails({"empty", "@/file"}, "Not a directory"),
+        Fails({"tar", "list", "@/missing.tar"}, "No such file"),
+        Fails({"tar", "list", "@/corrupt.tar"}, "not look like a tar"),
+        // Among a listing longer than a failure line, tar's own messages are kept (the streaming
+        // runner puts them after the listing).
+        Fails(
+            {"tar", "list", "@/long.tar"},
+            "lines left out \\.\\.\\.\\]; tar: Skipping to next header; tar: Exiting with failure"),
+        Fails({"tar", "list", "--runner", "pipe", "@/long.tar"}, "tar: Skipping to next header"),
+        Fails({"tar", "extract", "@/corrupt.tar", "@/out"}, "not look like a tar", 0,
+              "@/corrupt.tar"),
+        Fails({"tar", "extract", "@/corrupt.tar", "@/file"}, "Not a directory"),
+        Fails({"tar", "extract", "--timeout", "0.2", "@/fifo.tar", "@/out"}, "tar timed out",
+              kUnixOnly, "@/fifo.tar"),
+        Case{{"write", "/dev/full"}, 1, "", ".*/dev/full: .*No space left.*\n", "", "", "in\n"},
+        Case{{"path", "/"}, 1, "", ".*\n", "", "", "", kFullOutput},
+        // Library records show only when asked for, wherever the option stands.
+        Case{{"--log-level", "3", "touch", "@/no/f"}, 1, "", ".*Could not open @/no/f.*\n.*\n"},
+        Case{{"touch", "--log-level", "3", "@/no/f"}, 1, "", ".*Could not open @/no/f.*\n.*\n"},
+        // Command lines not understood.
+        Case{{}, 2, "", "drxfs: .*\n"},
+        Case{{"frobnicate"}, 2, "", "drxfs: unknown command \"frobnicate\".*\n"},
+        Case{{"tar", "frob"}, 2, "", "drxfs tar: unknown command \"frob\".*\n"},
+        Case{{"size", "--bogus", "/"}, 2, "", "drxfs size: .*\n"},
+        Case{{"--log-level", "8", "path", "/"}, 2, "", "drxfs path: .*\n"},
+        Case{{"tar", "list", "--runner", "fast", "a"}, 2, "", "drxfs tar list: .*\n"},
+        Case{{"tar", "extract", "--runner", "pipe", "--timeout", "1", "a", "/"}, 2, "", kStreaming},
+        // The root directory is emptied only when asked explicitly.
+        Fails({"empty", "/"}, "refusing to empty the root directory", kFakes | kUnprivileged),
+        Fails({"empty", "//"}, "refusing to empty the root directory", kFakes | kUnprivileged),
+        Fails({"empty", "/."}, "refusing to empty the root directory", kFakes | kUnprivileged),
+        Leaves({"empty", "--no-preserve-root", "/"}, "called", "-r /.*\n", "",
+               kFakes | kUnprivileged),
+        Stopped(SIGINT, {"tar", "list", "@/-"}), Stopped(SIGTERM, {"tar", "list", "@/-"}),
+        Stopped(SIGHUP, {"tar", "list", "@/-"}),
+        Stopped(SIGTERM, {"tar", "list", "--runner", "pipe", "@/-"}),
+        Stopped(SIGTERM, {"tar", "extract", "--timeout", "60", "@/-", "@/out"}),
+        Stopped(SIGTERM, {"tar", "extract", "--runner", "pipe", "@/-", "@/out"}),
+        // The temporary file of a replacement in progress goes.
+        Run({"write", "--atomic", "@/settings"}, 128 + SIGTERM, "", "", "settings", "old", "",
+            kUnixOnly, EndlessInput, SIGTERM),
+        Prints({"tar", "extract", "--help"}, "[\\s\\S]*Usage: drxfs tar extract [\\s\\S]*")));
 
 }  // namespace
 }  // namespace drn

@@ -199,7 +199,7 @@ inline int CountOpenDescriptors() {
 inline std::vector<std::string> ListTree(const std::string& root) {
   std::vector<std::string> entries;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-    entries.push_back(std::filesystem::relative(entry.path(), root).string());
+    entries.push_back(entry.path().lexically_relative(root).string());
   }
   std::sort(entries.begin(), entries.end());
   return entries;
