@@ -94,8 +94,9 @@ constexpr int kInjected = -1;
 // One row of the expectations: a failure of function, in the operations whose name the pattern
 // finds, in phase (kAny: any), as the inPhase-th call there (0: any), with error (0: any, -E: any
 // but E), gives this result (unset: the run without faults'), exception and records. In texts,
-// {d} is the point's scratch directory, {e} the error's text, {n} its number, {old} and {new}
-// the two endings of a failed replacement's record. The first row that fits decides.
+// {d} is the point's scratch directory, {a} the shared archive, {e} the error's text, {n} its
+// number, {old} and {new} the two endings of a failed replacement's record. The first row that fits
+// decides.
 struct Row {
   Row(const char* operation, Function function, int phase, long inPhase, int error,
       std::optional<std::string> result = {}, std::string exception = {},
@@ -185,12 +186,20 @@ const std::vector<Row>& Rows() {
     {"GetDirectorySize", F::opendir, kAny, 2, 0, "200"},
     {"GetDirectorySize", F::opendir, kAny, 3, 0, "300"},
     {"GetDirectorySize", F::stat, kAny, 0, 0, "300"},
+    {"^Untar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file",
+     {"Impl 3/0x8027: path is not a file: {a}"}},
     {"GetFileSystemUsedSize", F::statfs, kAny, 0, 0, "0", "", {"GetFileSystemUsedSize 3/0x8010: failed to open path with {n}"}},
     {"GetPercentageUsed", F::statfs, kAny, 0, 0, "0", "", {"GetPercentageUsed 3/0x8010: failed to open / with {e}({n})"}},
   };
   return rows;
 }
 // clang-format on
+
+// An archive shared by every point: "one", "dir/" and "dir/two".
+std::string& Archive() {
+  static std::string archive;
+  return archive;
+}
 
 std::string Error(int error) {
   return std::strerror(error);
@@ -200,6 +209,7 @@ std::string Error(int error) {
 std::string Fill(std::string text, const Point& point, const TempDir& dir) {
   const std::pair<const char*, std::string> fields[] = {
       {"{d}", dir.Path()},
+      {"{a}", Archive()},
       {"{e}", Error(point.error)},
       {"{n}", std::to_string(point.error)},
       {"{old}", "; it keeps its old content"},
@@ -646,12 +656,6 @@ Operation StatisticsQuery(bool percentage) {
 
 // --- Tar -------------------------------------------------------------------------------------
 
-// An archive shared by every point: "one", "dir/" and "dir/two".
-std::string& Archive() {
-  static std::string archive;
-  return archive;
-}
-
 // A name of an archive that does not exist, beside the shared one.
 std::string MissingArchive() {
   return Archive() + ".missing";
@@ -934,18 +938,6 @@ Operation RunCmdTimesOut() {
   return operation;
 }
 
-// Expectations shared by the Untar operations for a failed archive check at construction.
-std::optional<Expected> UntarConstructionFailure(const Point& point) {
-  if (point.phase == kOpen && point.function == Function::access && point.inPhase == 1 &&
-      point.error == ENOENT) {
-    Expected expected;
-    expected.exception = "runtime_error: Path is not a file";
-    expected.records = {TarRecord("Impl", "path is not a file: " + Archive())};
-    return expected;
-  }
-  return std::nullopt;
-}
-
 // An Untar on the shared archive, through TarApi, or through StreamingTarApi when streaming is
 // set.
 Untar UntarOf(bool streaming) {
@@ -963,9 +955,9 @@ Operation FileList(bool streaming) {
         SetPhase(kUse);
         out.result = Joined(untar.FileList());
       },
-      [streaming](const Point& point, const Outcome& baseline, const TempDir&, Expected) {
-        if (auto failure = UntarConstructionFailure(point)) {
-          return *failure;
+      [streaming](const Point& point, const Outcome& baseline, const TempDir&, Expected fromRows) {
+        if (fromRows.exception) {
+          return fromRows;
         }
         const RunnerEffect effect = EffectOf(point, {"tar", "-tf", Archive()}, streaming, false);
         const std::string output = "one\ndir/\ndir/two\n";
@@ -1023,9 +1015,10 @@ Operation Extract(bool streaming) {
         out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
         out.content = Joined(testing::ListTree(destination));
       },
-      [streaming](const Point& point, const Outcome& baseline, const TempDir& dir, Expected) {
-        if (auto failure = UntarConstructionFailure(point)) {
-          return *failure;
+      [streaming](const Point& point, const Outcome& baseline, const TempDir& dir,
+                  Expected fromRows) {
+        if (fromRows.exception) {
+          return fromRows;
         }
         Expected expected;
         const std::string destination = dir / "out";
@@ -1277,37 +1270,6 @@ bool HarnessSeesFaults() {
   return !RunPoint(leaving, Point{Function::fsync, 1, 1, kFlush, EIO}, Outcome()).empty();
 }
 
-struct Summary {
-  std::string name;
-  std::size_t calls = 0;
-  std::size_t points = 0;
-  std::map<Function, std::size_t> callsByFunction;
-  std::size_t failed = 0;
-};
-
-std::string ErrnoNames(Function function) {
-  std::string names;
-  for (const int error : Errnos(function)) {
-    names += (names.empty() ? "" : ", ") + std::string(strerrorname_np(error));
-  }
-  return names;
-}
-
-void WriteTable(const std::string& file, const std::vector<Summary>& summaries) {
-  std::ofstream out(file);
-  out << "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
-  for (const Summary& summary : summaries) {
-    out << "| " << summary.name << " | " << summary.calls << " | " << summary.points << " | ";
-    bool first = true;
-    for (const auto& [function, count] : summary.callsByFunction) {
-      out << (first ? "" : "; ") << Name(function) << " (" << count << ": " << ErrnoNames(function)
-          << ")";
-      first = false;
-    }
-    out << " |\n";
-  }
-}
-
 int Main(int argc, char** argv) {
   std::string table;
   std::string only;
@@ -1337,15 +1299,14 @@ int Main(int argc, char** argv) {
     return 1;
   }
 
-  std::vector<Summary> summaries;
+  std::ostringstream markdown;
+  markdown << "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
   std::size_t points = 0;
   std::size_t failed = 0;
   for (const Operation& operation : Operations()) {
     if (!only.empty() && operation.name.find(only) == std::string::npos) {
       continue;
     }
-    Summary summary;
-    summary.name = operation.name;
     Outcome baseline;
     std::vector<Call> trace;
     {
@@ -1360,38 +1321,48 @@ int Main(int argc, char** argv) {
                 << ": the run without faults did not succeed: " << baseline.exception << "\n";
       ++failed;
     }
-    summary.calls = trace.size();
+    std::size_t operationPoints = 0;
+    std::size_t operationFailed = 0;
     std::map<Function, long> seen;
     std::map<std::pair<Function, int>, long> seenInPhase;
     for (const Call& call : trace) {
       const long number = ++seen[call.function];
       const long inPhase = ++seenInPhase[{call.function, call.phase}];
-      ++summary.callsByFunction[call.function];
       for (const int error : Errnos(call.function)) {
-        const Point point{call.function, number, inPhase, call.phase, error};
-        const std::string problems = RunPoint(operation, point, baseline);
-        ++summary.points;
+        const std::string problems =
+            RunPoint(operation, Point{call.function, number, inPhase, call.phase, error}, baseline);
+        ++operationPoints;
         if (!problems.empty()) {
-          ++summary.failed;
+          ++operationFailed;
           std::cout << "FAILED " << operation.name << ": " << Name(call.function) << " call "
                     << number << " (phase " << call.phase << ") with " << strerrorname_np(error)
                     << ":" << problems << "\n";
         }
       }
     }
-    if (operation.mustCall != Function::count && summary.callsByFunction[operation.mustCall] == 0) {
+    if (operation.mustCall != Function::count && seen.count(operation.mustCall) == 0) {
       std::cout << "FAILED " << operation.name << ": never called " << Name(operation.mustCall)
                 << "\n";
-      ++summary.failed;
+      ++operationFailed;
     }
-    std::cout << operation.name << ": " << summary.calls << " calls, " << summary.points
-              << " points, " << summary.failed << " failed\n";
-    points += summary.points;
-    failed += summary.failed;
-    summaries.push_back(summary);
+    std::cout << operation.name << ": " << trace.size() << " calls, " << operationPoints
+              << " points, " << operationFailed << " failed\n";
+    markdown << "| " << operation.name << " | " << trace.size() << " | " << operationPoints << " |";
+    const char* separator = " ";
+    for (const auto& [function, count] : seen) {
+      markdown << separator << Name(function) << " (" << count << ":";
+      for (std::size_t i = 0; i < Errnos(function).size(); ++i) {
+        markdown << (i == 0 ? " " : ", ") << strerrorname_np(Errnos(function)[i]);
+      }
+      markdown << ")";
+      separator = "; ";
+    }
+    markdown << " |\n";
+    points += operationPoints;
+    failed += operationFailed;
   }
   if (!table.empty()) {
-    WriteTable(table, summaries);
+    std::ofstream(table) << markdown.str();
   }
   std::cout << "fault sweep: " << points << " points, " << failed << " failed\n";
   return failed == 0 && points > 0 ? 0 : 1;
