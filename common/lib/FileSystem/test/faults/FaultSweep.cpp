@@ -206,9 +206,9 @@ std::string Error(int error) {
 }
 
 // A row's text for a point in dir.
-std::string Fill(std::string text, const Point& point, const TempDir& dir) {
+std::string Fill(std::string text, const Point& point, const std::string& dir) {
   const std::pair<const char*, std::string> fields[] = {
-      {"{d}", dir.Path()},
+      {"{d}", dir},
       {"{a}", Archive()},
       {"{e}", Error(point.error)},
       {"{n}", std::to_string(point.error)},
@@ -242,7 +242,7 @@ Expected FromRows(const std::string& operation, const Point& point, const Outcom
       expected.exception = row.exception;
     }
     for (const std::string& record : row.records) {
-      expected.records.push_back(Fill(record, point, dir));
+      expected.records.push_back(Fill(record, point, dir.Path()));
     }
     expected.errorAfter =
         row.errorAfter == kInjected ? std::optional<int>(point.error) : row.errorAfter;
@@ -701,98 +701,97 @@ struct RunnerEffect {
   bool mayNotFire = false;
 };
 
-// ran: the arguments tar runs with, "tar" first.
+// One row of what a runner's failed call does: in the runners named (kPlain, kStreaming or
+// both), for the inPhase-th calls first to last (0: any) with error (as in Row), a failure with
+// status (kNoFailure: none; kMinusError: the error negated) and one record, or only a record;
+// throws, cut and mayNotFire as in RunnerFailure and RunnerEffect. In the record, {s} is tar's
+// command line with spaces, {t} without them, {e} and {n} the error as in Row.
+struct RunnerRow {
+  int runners;
+  Function function;
+  long first;
+  long last;
+  int error;
+  int status;
+  const char* record;
+  bool throws;
+  bool cut;
+  bool mayNotFire;
+};
+enum : int { kPlain = 1, kStreaming = 2, kBoth = 3, kNoFailure = 1000, kMinusError };
+
+// The streaming runner names the step of the start that failed; a failed pipe, fcntl (but the
+// third, asking for a larger pipe, which the runner does without) or fork is the runner's own;
+// a failed dup2 or execvp in TarApi's child is tar's 255. The streaming runner closes the
+// pipes' four ends with a record, and the socket's, which carry no output, without. Its first
+// read is the report that says tar runs: without it nothing is known of tar, which is killed.
+// Its further reads, of the output and then of tar's status, come as often as timing has it:
+// the status read fails the wait; a read of the output ends it early, or, with EINTR, is retried.
+// clang-format off
+const RunnerRow kRunnerRows[] = {
+    {kBoth, F::pipe2, 0, 0, 0, kMinusError, "RunCmd: failed to pipe: {n}", false, false, false},
+    {kBoth, F::fcntl, 1, 2, 0, kMinusError, "RunCmd: failed to pipe: {n}", false, false, false},
+    {kBoth, F::fork, 0, 0, 0, kMinusError, "RunCmd: Failed to fork: {t}", false, false, false},
+    {kStreaming, F::socketpair, 0, 0, 0, kMinusError, "RunCmd: socketpair failed for {s}: {e}", false, false, false},
+    {kStreaming, F::clone, 0, 0, 0, kMinusError, "RunCmd: clone failed for {s}: {e}", false, false, false},
+    {kBoth, F::dup2, 0, 0, 0, 255, "RunCmd: tar returned 255,\n", false, false, false},
+    {kBoth, F::dup3, 0, 0, 0, 255, "RunCmd: dup3 failed for {s}: {e}", false, false, false},
+    {kPlain, F::execvp, 0, 0, 0, 255, "RunCmd: tar returned 255,\n", false, false, false},
+    {kStreaming, F::execvp, 0, 0, 0, 255, "RunCmd: execvp failed for {s}: {e}", false, false, false},
+    {kPlain, F::close, 0, 0, 0, kNoFailure, "ClosePipe: failed to close pipe: {n}", false, false, false},
+    {kStreaming, F::close, 2, 5, 0, kNoFailure, "RunCmd: failed to close pipe: {n}", false, false, false},
+    {kBoth, F::poll, 0, 0, 0, kNoFailure, nullptr, false, false, true},
+    {kStreaming, F::read, 1, 1, -EINTR, kMinusError, "RunCmd: read failed for {s}: {e}", false, false, false},
+    {kStreaming, F::read, 2, 1000, -EINTR, 0, "RunCmd: waitpid failure: {e}", true, true, true},
+    {kStreaming, F::read, 2, 1000, EINTR, kNoFailure, nullptr, false, false, true},
+    {kPlain, F::waitpid, 0, 0, 0, 0, "RunCmd: waitpid failure: {e}", true, false, false},
+    {kStreaming, F::waitpid, 0, 0, ECHILD, 0, "RunCmd: waitpid failure: {e}", true, false, false},
+};
+// clang-format on
+
+// ran: the arguments tar runs with, "tar" first. A failed waitpid may not be reached when the
+// run has a time-out; TarApi reads a byte at a time and stops before the byte of a failed read.
 RunnerEffect EffectOf(const Point& point, const std::vector<std::string>& ran, bool streaming,
                       bool timed) {
   RunnerEffect effect;
-  const int error = point.error;
+  effect.mayNotFire = timed && point.function == Function::waitpid;
+  if (!streaming && point.function == Function::read) {
+    effect.cutAt = static_cast<std::size_t>(point.call - 1);
+  }
   std::string together;
   std::string spaced;
   for (const std::string& arg : ran) {
     together += arg;
     spaced += (spaced.empty() ? "" : " ") + arg;
   }
-  // The streaming runner names the step of the start that failed.
-  const auto failedStep = [&](const char* call, int status) {
-    return RunnerFailure{
-        status,
-        {TarRecord("RunCmd", std::string(call) + " failed for " + spaced + ": " + Error(error))}};
-  };
-  const RunnerFailure notStarted{-error, {TarRecord("RunCmd", "Failed to fork: " + together)}};
-  const RunnerFailure notRun{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
-  const RunnerFailure waitFailed{
-      0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
-  const std::string closeFailed = "failed to close pipe: " + std::to_string(error);
-  const RunnerFailure noPipe{-error,
-                             {TarRecord("RunCmd", "failed to pipe: " + std::to_string(error))}};
-  switch (point.function) {
-    case Function::pipe2:
-      effect.failure = noPipe;
+  const int error = point.error;
+  for (const RunnerRow& row : kRunnerRows) {
+    const bool errorFits =
+        row.error == 0 || row.error == error || (row.error < 0 && -row.error != error);
+    if ((row.runners & (streaming ? kStreaming : kPlain)) == 0 || row.function != point.function ||
+        (row.first != 0 && (point.inPhase < row.first || point.inPhase > row.last)) || !errorFits) {
+      continue;
+    }
+    effect.mayNotFire = effect.mayNotFire || row.mayNotFire;
+    effect.cut = row.cut;
+    if (row.record == nullptr) {
       break;
-    case Function::fcntl:
-      // The streaming runner's third asks for a larger output pipe, which it can do without.
-      if (point.inPhase <= 2) {
-        effect.failure = noPipe;
+    }
+    std::string record = row.record;
+    const std::size_t colon = record.find(": ");
+    record = Fill(TarRecord(record.substr(0, colon), record.substr(colon + 2)), point, "");
+    for (const auto& [field, value] : {std::pair{"{s}", spaced}, std::pair{"{t}", together}}) {
+      if (const std::size_t at = record.find(field); at != std::string::npos) {
+        record.replace(at, 3, value);
       }
-      break;
-    case Function::fork:
-      effect.failure = notStarted;
-      break;
-    case Function::socketpair:
-      effect.failure = failedStep("socketpair", -error);
-      break;
-    case Function::clone:
-      // The first makes the intermediate; the second, made by it, is tar's process.
-      effect.failure = failedStep("clone", -error);
-      break;
-    case Function::dup2:
-      effect.failure = notRun;
-      break;
-    case Function::dup3:
-      effect.failure = failedStep("dup3", 255);
-      break;
-    case Function::execvp:
-      effect.failure = streaming ? failedStep("execvp", 255) : notRun;
-      break;
-    case Function::close:
-      // The streaming runner closes the pipes' four ends with a record, and the socket's, which
-      // carry no output, without.
-      if (!streaming) {
-        effect.records = {TarRecord("ClosePipe", closeFailed)};
-      } else if (point.inPhase >= 2 && point.inPhase <= 5) {
-        effect.records = {TarRecord("RunCmd", closeFailed)};
-      }
-      break;
-    case Function::poll:
-      effect.mayNotFire = true;
-      break;
-    case Function::read:
-      if (!streaming) {
-        effect.cutAt = static_cast<std::size_t>(point.call - 1);
-      } else if (point.inPhase == 1) {
-        // The report that says tar runs: without it, nothing is known of tar, which is killed.
-        if (error != EINTR) {
-          effect.failure = failedStep("read", -error);
-        }
-      } else {
-        // Reads of the output, then the one of tar's status: their number depends on timing.
-        // The status read fails the wait; a read of the output ends it early, or, with EAGAIN,
-        // waits for the next drain.
-        effect.cut = error != EINTR;
-        effect.mayNotFire = true;
-        if (error != EINTR) {
-          effect.failure = waitFailed;
-        }
-      }
-      break;
-    case Function::waitpid:
-      effect.mayNotFire = timed;
-      if (!streaming || error == ECHILD) {
-        effect.failure = waitFailed;
-      }
-      break;
-    default:
-      break;
+    }
+    if (row.status == kNoFailure) {
+      effect.records = {record};
+    } else {
+      effect.failure =
+          RunnerFailure{row.status == kMinusError ? -error : row.status, {record}, row.throws};
+    }
+    break;
   }
   return effect;
 }
