@@ -188,6 +188,8 @@ const std::vector<Row>& Rows() {
     {"GetDirectorySize", F::stat, kAny, 0, 0, "300"},
     {"^Untar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file",
      {"Impl 3/0x8027: path is not a file: {a}"}},
+    {"^Untar::Extract", F::access, kUse, 0, ENOENT, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
+    {"^Untar::Extract", F::opendir, kUse, 0, 0, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
     {"GetFileSystemUsedSize", F::statfs, kAny, 0, 0, "0", "", {"GetFileSystemUsedSize 3/0x8010: failed to open path with {n}"}},
     {"GetPercentageUsed", F::statfs, kAny, 0, 0, "0", "", {"GetPercentageUsed 3/0x8010: failed to open / with {e}({n})"}},
   };
@@ -796,15 +798,6 @@ RunnerEffect EffectOf(const Point& point, const std::vector<std::string>& ran, b
   return effect;
 }
 
-// What a caller sees when the runner throws: its record and the exception.
-Expected Thrown(const RunnerFailure& failure) {
-  Expected expected;
-  expected.records = failure.records;
-  expected.exception = "runtime_error: waitpid failure";
-  expected.childMayRemain = true;
-  return expected;
-}
-
 // Whether got is the failed wait that effect allows.
 bool WaitFailed(const Outcome& got, const RunnerEffect& effect) {
   return effect.failure && effect.failure->throws &&
@@ -812,14 +805,43 @@ bool WaitFailed(const Outcome& got, const RunnerEffect& effect) {
          got.records == effect.failure->records;
 }
 
+// What a runner's operation gives for a point. A run cut at a moment timing decides is left to
+// cut (or is the failed wait); a failed wait throws, leaving the child for nobody to reap, as the
+// contract has it; a failure of the runner's own gives failed's result and its records (and
+// more); otherwise the run goes on as usual, with the effect's records.
+Expected RunnerExpected(const Point& point, const RunnerEffect& effect, std::string usual,
+                        const std::function<std::string(int status)>& failed,
+                        std::function<std::string(const Outcome&)> cut,
+                        std::vector<std::string> more = {}) {
+  Expected expected;
+  expected.mayNotFire = effect.mayNotFire;
+  if (effect.cut || (effect.failure && effect.mayNotFire)) {
+    expected.checkDecides = true;
+    // Only a failed waitpid leaves the intermediate, unreaped, as TarApi leaves its child.
+    expected.childMayRemain = point.function == Function::waitpid;
+    expected.check = [effect, cut = std::move(cut)](const Outcome& got) {
+      return WaitFailed(got, effect) ? std::string() : cut(got);
+    };
+  } else if (effect.failure) {
+    expected.records = effect.failure->records;
+    if (effect.failure->throws) {
+      expected.exception = "runtime_error: waitpid failure";
+      expected.childMayRemain = true;
+      return expected;
+    }
+    expected.result = failed(effect.failure->status);
+    expected.records.insert(expected.records.end(), more.begin(), more.end());
+  } else {
+    expected.result = std::move(usual);
+    expected.records = effect.records;
+  }
+  return expected;
+}
+
 // Whether got is what a run cut by a failed poll or read may give: output that begins the
 // whole output, with status 0 (unless tar fails anyway), or tar's failure (status 2) and its
 // record; or, for a read, a failed read of tar's status.
-std::string CutOutcome(const Outcome& got, const std::string& output, const RunnerEffect& effect,
-                       bool tarFails) {
-  if (WaitFailed(got, effect)) {
-    return std::string();
-  }
+std::string CutOutcome(const Outcome& got, const std::string& output, bool tarFails) {
   const std::size_t bar = got.result.rfind('|');
   if (bar == std::string::npos || !got.exception.empty()) {
     return "outcome " + got.result + " " + got.exception;
@@ -863,32 +885,18 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
         const std::string archive = tarFails ? MissingArchive() : Archive();
         const std::string output = baseline.result.substr(0, baseline.result.find('|'));
         const RunnerEffect effect = EffectOf(point, {"tar", "-tf", archive}, streaming, timed);
-        Expected expected;
-        expected.mayNotFire = effect.mayNotFire;
-        if (effect.cut || (effect.failure && effect.mayNotFire)) {
-          expected.checkDecides = true;
-          // Only a failed waitpid leaves the intermediate, unreaped, as TarApi leaves its child.
-          expected.childMayRemain = point.function == Function::waitpid;
-          expected.check = [output, effect, tarFails](const Outcome& got) {
-            return CutOutcome(got, output, effect, tarFails);
-          };
-          return expected;
-        }
-        if (effect.failure && effect.failure->throws) {
-          return Thrown(*effect.failure);
-        }
-        expected.result = effect.cutAt ? output.substr(0, *effect.cutAt) + "|0" : baseline.result;
-        expected.records = effect.records;
-        expected.records.insert(expected.records.end(), baseline.records.begin(),
-                                baseline.records.end());
-        if (effect.failure) {
-          expected.result = "|" + std::to_string(effect.failure->status);
-          expected.records = effect.failure->records;
+        Expected expected = RunnerExpected(
+            point, effect, effect.cutAt ? output.substr(0, *effect.cutAt) + "|0" : baseline.result,
+            [](int status) { return "|" + std::to_string(status); },
+            [output, tarFails](const Outcome& got) { return CutOutcome(got, output, tarFails); });
+        if (effect.failure && !expected.checkDecides && !expected.exception) {
           // A failed pipe leaves the argument list as it was.
           const bool noPipe =
               point.function == Function::pipe2 || point.function == Function::fcntl;
-          const std::string args = noPipe ? "-tf;" + archive + ";" : baseline.content;
-          expected.check = Holds(args);
+          expected.check = Holds(noPipe ? "-tf;" + archive + ";" : baseline.content);
+        } else if (!effect.failure) {
+          expected.records.insert(expected.records.end(), baseline.records.begin(),
+                                  baseline.records.end());
         }
         return expected;
       }};
@@ -960,116 +968,82 @@ Operation FileList(bool streaming) {
         }
         const RunnerEffect effect = EffectOf(point, {"tar", "-tf", Archive()}, streaming, false);
         const std::string output = "one\ndir/\ndir/two\n";
-        Expected expected;
-        expected.mayNotFire = effect.mayNotFire;
-        if (effect.cut) {
-          // The names of some beginning of the output; or, when tar failed to write the rest,
-          // none and both records; or the wait's failure.
-          expected.checkDecides = true;
-          expected.check = [output, effect](const Outcome& got) {
-            if (WaitFailed(got, effect)) {
-              return std::string();
-            }
-            for (std::size_t end = 0; end <= output.size(); ++end) {
-              const std::string cut = output.substr(0, end);
-              const std::vector<std::string> failed = {
-                  TarRecord("RunCmd", "tar returned 2,\n" + cut),
-                  TarRecord("DoFileList", "Tar command failed: 2, " + cut)};
-              if (got.exception.empty() &&
-                  ((got.records.empty() && got.result == Joined(Split(cut))) ||
-                   (got.records == failed && got.result.empty()))) {
-                return std::string();
+        // A cut run gives the names of some beginning of the output; or, when tar failed to
+        // write the rest, none and both records.
+        return RunnerExpected(
+            point, effect,
+            effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result,
+            [](int) { return std::string(); },
+            [output](const Outcome& got) {
+              for (std::size_t end = 0; end <= output.size(); ++end) {
+                const std::string cut = output.substr(0, end);
+                const std::vector<std::string> failed = {
+                    TarRecord("RunCmd", "tar returned 2,\n" + cut),
+                    TarRecord("DoFileList", "Tar command failed: 2, " + cut)};
+                if (got.exception.empty() &&
+                    ((got.records.empty() && got.result == Joined(Split(cut))) ||
+                     (got.records == failed && got.result.empty()))) {
+                  return std::string();
+                }
               }
-            }
-            return "names " + got.result + " " + got.exception;
-          };
-          return expected;
-        }
-        if (const auto& failure = effect.failure) {
-          if (failure->throws) {
-            return Thrown(*failure);
-          }
-          expected.records = failure->records;
-          expected.result = "";
-          expected.records.push_back(TarRecord(
-              "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
-          return expected;
-        }
-        expected.result =
-            effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result;
-        expected.records = effect.records;
-        return expected;
+              return "names " + got.result + " " + got.exception;
+            },
+            {TarRecord("DoFileList",
+                       "Tar command failed: " +
+                           std::to_string(effect.failure ? effect.failure->status : 0) + ", ")});
       }};
 }
 
 // Untar::Extract through either runner.
 Operation Extract(bool streaming) {
-  return {
-      std::string("Untar::Extract") + (streaming ? ", streaming" : ""),
-      [streaming](const TempDir& dir, Outcome& out) {
-        const std::string destination = dir.MakeDir("out");
-        SetPhase(kOpen);
-        Untar untar = UntarOf(streaming);
-        SetPhase(kUse);
-        out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
-        out.content = Joined(testing::ListTree(destination));
-      },
-      [streaming](const Point& point, const Outcome& baseline, const TempDir& dir,
-                  Expected fromRows) {
-        if (fromRows.exception) {
-          return fromRows;
-        }
-        Expected expected;
-        const std::string destination = dir / "out";
-        const bool destinationRefused =
-            point.phase == kUse && ((point.function == Function::access && point.error == ENOENT) ||
-                                    point.function == Function::opendir);
-        const RunnerEffect effect =
-            EffectOf(point, {"tar", "--warning=no-timestamp", "-xf", Archive(), "-C", destination},
-                     streaming, false);
-        expected.mayNotFire = effect.mayNotFire;
-        if (effect.cut) {
-          // tar writes nothing here, so a failed poll or read changes nothing; a failed read of
-          // tar's status fails the wait.
-          expected.checkDecides = true;
-          const Outcome want = baseline;
-          expected.check = [want, effect](const Outcome& got) {
-            const bool asUsual = got.exception.empty() && got.records.empty() &&
-                                 got.result == want.result && got.content == want.content;
-            return asUsual || WaitFailed(got, effect)
-                       ? std::string()
-                       : "outcome " + got.result + " " + got.exception;
-          };
-          return expected;
-        }
-        if (destinationRefused) {
-          expected.result = "-1";
-          expected.records = {TarRecord(
-              "DoExtract", "specified path is not an existing directory: " + destination)};
-        } else if (effect.failure && effect.failure->throws) {
-          return Thrown(*effect.failure);
-        } else if (effect.failure) {
-          expected.result = std::to_string(effect.failure->status);
-          expected.records = effect.failure->records;
-        } else {
-          expected.result = baseline.result;
-          expected.records = effect.records;
-        }
-        const std::string tree = expected.result == baseline.result ? baseline.content : "";
-        // tar, killed when whether it runs could not be read, may have extracted some entries.
-        const bool killedRunning =
-            streaming && point.function == Function::read && point.inPhase == 1;
-        const std::string whole = baseline.content;
-        expected.check = [tree, killedRunning, whole](const Outcome& got) {
-          std::istringstream entries(got.content);
-          bool part = killedRunning;
-          for (std::string entry; part && std::getline(entries, entry, ';');) {
-            part = whole.find(entry + ";") != std::string::npos;
-          }
-          return got.content == tree || part ? std::string() : "extracted " + got.content;
-        };
-        return expected;
-      }};
+  return {std::string("Untar::Extract") + (streaming ? ", streaming" : ""),
+          [streaming](const TempDir& dir, Outcome& out) {
+            const std::string destination = dir.MakeDir("out");
+            SetPhase(kOpen);
+            Untar untar = UntarOf(streaming);
+            SetPhase(kUse);
+            out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
+            out.content = Joined(testing::ListTree(destination));
+          },
+          [streaming](const Point& point, const Outcome& baseline, const TempDir& dir,
+                      Expected fromRows) {
+            if (fromRows.exception) {
+              return fromRows;
+            }
+            const RunnerEffect effect = EffectOf(
+                point, {"tar", "--warning=no-timestamp", "-xf", Archive(), "-C", dir / "out"},
+                streaming, false);
+            // tar writes nothing here, so a cut run is one as usual (or the failed wait).
+            Expected expected =
+                !fromRows.records.empty()
+                    ? fromRows
+                    : RunnerExpected(
+                          point, effect, baseline.result,
+                          [](int status) { return std::to_string(status); },
+                          [want = baseline](const Outcome& got) {
+                            return got.exception.empty() && got.records.empty() &&
+                                           got.result == want.result && got.content == want.content
+                                       ? std::string()
+                                       : "outcome " + got.result + " " + got.exception;
+                          });
+            if (expected.checkDecides || expected.exception) {
+              return expected;
+            }
+            const std::string tree = expected.result == baseline.result ? baseline.content : "";
+            // tar, killed when whether it runs could not be read, may have extracted some entries.
+            const bool killedRunning =
+                streaming && point.function == Function::read && point.inPhase == 1;
+            const std::string whole = baseline.content;
+            expected.check = [tree, killedRunning, whole](const Outcome& got) {
+              std::istringstream entries(got.content);
+              bool part = killedRunning;
+              for (std::string entry; part && std::getline(entries, entry, ';');) {
+                part = whole.find(entry + ";") != std::string::npos;
+              }
+              return got.content == tree || part ? std::string() : "extracted " + got.content;
+            };
+            return expected;
+          }};
 }
 
 // Every operation of the library that the sweep covers; adding one is adding an entry.
