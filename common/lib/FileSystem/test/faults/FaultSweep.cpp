@@ -11,23 +11,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <optional>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <typeinfo>
 #include <vector>
 
 #include "../FileTestSupport.h"
@@ -48,7 +43,7 @@ namespace {
 using testing::TempDir;
 
 // Phases an operation announces, so that an expectation can tell where a call was made.
-enum Phase : int { kOpen = 1, kUse, kFlush, kClose, kRead };
+enum Phase : int { kAny = 0, kOpen, kUse, kFlush, kClose, kRead };
 
 // What one run of an operation showed.
 struct Outcome {
@@ -85,12 +80,6 @@ struct Expected {
   bool mayNotFire = false;
 };
 
-Expected WithResult(std::string result) {
-  Expected expected;
-  expected.result = std::move(result);
-  return expected;
-}
-
 // A check that the operation left exactly want behind.
 std::function<std::string(const Outcome&)> Holds(std::string want) {
   return [want = std::move(want)](const Outcome& got) {
@@ -99,11 +88,177 @@ std::function<std::string(const Outcome&)> Holds(std::string want) {
   };
 }
 
+// errorAfter of a row that wants errno to be the injected error.
+constexpr int kInjected = -1;
+
+// One row of the expectations: a failure of function, in the operations whose name the pattern
+// finds, in phase (kAny: any), as the inPhase-th call there (0: any), with error (0: any, -E: any
+// but E), gives this result (unset: the run without faults'), exception and records. In texts,
+// {d} is the point's scratch directory, {a} the shared archive, {e} the error's text, {n} its
+// number, {old} and {new} the two endings of a failed replacement's record. The first row that fits
+// decides.
+struct Row {
+  Row(const char* operation, Function function, int phase, long inPhase, int error,
+      std::optional<std::string> result = {}, std::string exception = {},
+      std::vector<std::string> records = {}, std::optional<int> errorAfter = {})
+      : operation(operation),
+        function(function),
+        phase(phase),
+        inPhase(inPhase),
+        error(error),
+        result(std::move(result)),
+        exception(std::move(exception)),
+        records(std::move(records)),
+        errorAfter(errorAfter) {}
+  const char* operation;
+  Function function;
+  int phase;
+  long inPhase;
+  int error;
+  std::optional<std::string> result;
+  std::string exception;
+  std::vector<std::string> records;
+  std::optional<int> errorAfter;
+};
+
+using F = Function;
+const std::string kIos = "ios_base::failure (iostream 1): ";
+const std::string kFailedRename = "Fail 3/0x8010: replacing {d}/a/f failed on ";
+
+// clang-format off
+const std::vector<Row>& Rows() {
+  static const std::vector<Row> rows = {
+    {"Path::Exists", F::access, kAny, 0, ENOENT, "false", "", {}, 0},
+    {"Path::Exists", F::access, kAny, 0, 0, "true", "", {}, 0},
+    {"Path::IsDirectory", F::access, kAny, 0, ENOENT, "false"},
+    {"Path::IsDirectory", F::opendir, kAny, 0, 0, "false", "", {}, kInjected},
+    {"^File (r|w)", F::access, kOpen, 1, ENOENT, {}, "invalid_argument: could not open specified path",
+     {"Impl 3/0x8010: Tried to open \"{d}/f\" but it didn't exist"}},
+    {"^File (r|w)", F::open, kOpen, 0, 0, {}, kIos + "Failed on kernel call to open: iostream error",
+     {"Impl 3/0x8010: failed on kernel open with {e}"}},
+    {"^File in memory", F::memfd_create, kAny, 0, 0, {}, kIos + "could not open in memory: iostream error",
+     {"Impl 3/0x8010: failed on ram syscall with: {e}"}},
+    {"^File read and write", F::syncfs, kFlush, 2, 0, {}, "", {"SyncInput 3/0x8010: failed on input sync with {e}"}},
+    {"^File ", F::lseek, kAny, 0, 0, {}, "", {"SeekSet 7/0x8010: failed on lseek with {e}"}},
+    {"^File ", F::write, kAny, 0, 0, {}, "", {"Write 3/0x8010: failed on write with {e}"}},
+    {"^File ", F::read, kAny, 0, 0, {}, "", {"underflow 3/0x8010: failed on underflow read with {e}"}},
+    {"^File ", F::syncfs, kAny, 0, 0, {}, "", {"SyncOutput 3/0x8010: failed on output sync with {e}"}},
+    {"^File ", F::fdatasync, kAny, 0, 0, {}, "", {"SyncOutput 3/0x8010: failed on output sync with {e}"}},
+    {"^File ", F::close, kAny, 0, 0, {}, "", {"~File 3/0x8010: failed on close with {n}"}},
+    {"File::CreateFile", F::open, kAny, 0, 0, "false, (missing)", "", {"CreateFile 3/0x8010: Could not open {d}/new({e})"}},
+    {"File::RecreateFile", F::open, kAny, 0, 0, "false, abcdefghijklmnop", "", {"RecreateFile 3/0x8010: Could not open {d}/f({e})"}},
+    {"File::GetFileSize", F::stat, kAny, 0, 0, "0"},
+    // An AtomicFile's constructor throws after its record and leaves nothing behind; only root may
+    // give a file away, so a fchown refused otherwise lets the replacement go on as the caller's.
+    {"^AtomicFile", F::lstat, kOpen, 0, 0, {}, kIos + "AtomicFile cannot examine its path: iostream error",
+     {"Impl 3/0x8010: cannot examine {d}/a/f: {e}"}},
+    {"^AtomicFile", F::open, kOpen, 0, 0, {}, kIos + "AtomicFile cannot create its temporary file: iostream error",
+     {"Impl 3/0x8010: cannot create a temporary file beside {d}/a/f: {e}"}},
+    {"^AtomicFile", F::fchown, kOpen, 0, EIO, {}, kIos + "AtomicFile cannot set its temporary file's owner: iostream error",
+     {"KeepOwner 3/0x8010: cannot give {d}/a/.f.XXXXXX the owner of {d}/a/f: {e}"}},
+    // A failed write makes the stream bad; a later Commit finds nothing to commit.
+    {"^AtomicFile, Commit", F::write, kUse, 0, -EINTR, "bad, not committed, bad", "",
+     {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}",
+      "DoCommit 3/0x8010: nothing to commit for {d}/a/f: already committed, cancelled or failed"}},
+    {"^AtomicFile, Cancel", F::write, kUse, 0, -EINTR, "bad, bad", "", {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, dest", F::write, kUse, 0, -EINTR, "bad", "", {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, Commit", F::write, kFlush, 0, -EINTR, "written, not committed, bad", "", {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 1, 0, "written, not committed, bad", "", {kFailedRename + "fsync of {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "fsync of {d}/a/: {e}{new}"}},
+    {"^AtomicFile, Commit", F::close, kFlush, 1, 0, "written, not committed, bad", "", {kFailedRename + "close of {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, Commit", F::close, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "close of {d}/a/: {e}{new}"}},
+    {"^AtomicFile, Commit", F::rename, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "rename of {d}/a/.f.XXXXXX to {d}/a/f: {e}{old}"}},
+    {"^AtomicFile, Commit", F::fchmod, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "setting the mode of {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, Commit", F::open, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "open of {d}/a/: {e}{new}"}},
+    // Only a failed removal leaves the temporary file, and says so.
+    {"^AtomicFile", F::remove, kAny, 0, 0, {}, "", {"Discard 3/0x8010: cannot remove the temporary file {d}/a/.f.XXXXXX: {e}"}},
+    // A missing path that seems to exist (any error but ENOENT) is no directory; on an existing
+    // one, a first answer of ENOENT sends it to mkdir -p, which succeeds.
+    {"CreateDirectory, missing", F::access, kAny, 0, -ENOENT, "false, absent"},
+    {"CreateDirectory, missing", F::system, kAny, 0, 0, "false, absent"},
+    {"CreateDirectory, existing", F::access, kAny, 2, ENOENT, "false, present"},
+    {"CreateDirectory, existing", F::opendir, kAny, 0, 0, "false, present"},
+    {"EmptyDirectory", F::access, kAny, 0, ENOENT, "false .keep sub sub/y x"},
+    {"EmptyDirectory", F::opendir, kAny, 0, 0, "false .keep sub sub/y x"},
+    {"EmptyDirectory", F::system, kAny, 0, 0, "false .keep sub sub/y x"},
+    // The top level, then sub, then sub/deeper: each lost level takes its files.
+    {"GetDirectorySize", F::opendir, kAny, 1, 0, "0"},
+    {"GetDirectorySize", F::opendir, kAny, 2, 0, "200"},
+    {"GetDirectorySize", F::opendir, kAny, 3, 0, "300"},
+    {"GetDirectorySize", F::stat, kAny, 0, 0, "300"},
+    {"^Untar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file",
+     {"Impl 3/0x8027: path is not a file: {a}"}},
+    {"^Untar::Extract", F::access, kUse, 0, ENOENT, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
+    {"^Untar::Extract", F::opendir, kUse, 0, 0, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
+    {"GetFileSystemUsedSize", F::statfs, kAny, 0, 0, "0", "", {"GetFileSystemUsedSize 3/0x8010: failed to open path with {n}"}},
+    {"GetPercentageUsed", F::statfs, kAny, 0, 0, "0", "", {"GetPercentageUsed 3/0x8010: failed to open / with {e}({n})"}},
+  };
+  return rows;
+}
+// clang-format on
+
+// An archive shared by every point: "one", "dir/" and "dir/two".
+std::string& Archive() {
+  static std::string archive;
+  return archive;
+}
+
+std::string Error(int error) {
+  return std::strerror(error);
+}
+
+// A row's text for a point in dir.
+std::string Fill(std::string text, const Point& point, const std::string& dir) {
+  const std::pair<const char*, std::string> fields[] = {
+      {"{d}", dir},
+      {"{a}", Archive()},
+      {"{e}", Error(point.error)},
+      {"{n}", std::to_string(point.error)},
+      {"{old}", "; it keeps its old content"},
+      {"{new}", "; the new content is in place but its durability is not confirmed"}};
+  for (const auto& [field, value] : fields) {
+    for (std::size_t at; (at = text.find(field)) != std::string::npos;) {
+      text.replace(at, std::strlen(field), value);
+    }
+  }
+  return text;
+}
+
+// What the first row that fits gives the point, or the run without faults' result.
+Expected FromRows(const std::string& operation, const Point& point, const Outcome& baseline,
+                  const TempDir& dir) {
+  Expected expected;
+  expected.result = baseline.result;
+  for (const Row& row : Rows()) {
+    const bool errorFits =
+        row.error == 0 || row.error == point.error || (row.error < 0 && -row.error != point.error);
+    if (row.function != point.function || (row.phase != kAny && row.phase != point.phase) ||
+        (row.inPhase != 0 && row.inPhase != point.inPhase) || !errorFits ||
+        !std::regex_search(operation, std::regex(row.operation))) {
+      continue;
+    }
+    expected.result = row.result              ? row.result
+                      : row.exception.empty() ? std::optional<std::string>(baseline.result)
+                                              : std::nullopt;
+    if (!row.exception.empty()) {
+      expected.exception = row.exception;
+    }
+    for (const std::string& record : row.records) {
+      expected.records.push_back(Fill(record, point, dir.Path()));
+    }
+    expected.errorAfter =
+        row.errorAfter == kInjected ? std::optional<int>(point.error) : row.errorAfter;
+    break;
+  }
+  return expected;
+}
+
 struct Operation {
   std::string name;
   // Runs the operation in a scratch directory, noting what it returns in the outcome.
   std::function<void(const TempDir&, Outcome&)> run;
-  std::function<Expected(const Point&, const Outcome& baseline, const TempDir&)> expect;
+  // Refines what the rows give the point; none where the rows say everything.
+  std::function<Expected(const Point&, const Outcome& baseline, const TempDir&, Expected)> expect;
   // What the operation left in the scratch directory, taken after the run, even one that threw.
   std::function<std::string(const TempDir&)> content = nullptr;
   // The run without faults writes records of a failure (but throws nothing).
@@ -120,19 +275,8 @@ void ReadToEnd(std::streambuf& buffer, std::string& into) {
   }
 }
 
-std::string Error(int error) {
-  return std::strerror(error);
-}
-
-std::string Record(const std::string& function, int level, const char* category,
-                   const std::string& text) {
-  return function + " " + std::to_string(level) + "/" + category + ": " + text;
-}
-std::string FileRecord(const std::string& function, int level, const std::string& text) {
-  return Record(function, level, "0x8010", text);
-}
 std::string TarRecord(const std::string& function, const std::string& text) {
-  return Record(function, 3, "0x8027", text);
+  return function + " 3/0x8027: " + text;
 }
 
 // Set while a point runs with every log level disabled.
@@ -176,24 +320,14 @@ Outcome Observe(const Operation& operation, const TempDir& dir) {
   return outcome;
 }
 
-// --- Paths -----------------------------------------------------------------------------------
+// Runs a scalar operation, whose whole outcome the rows give.
+Operation Query(std::string name, std::function<std::string(const TempDir&, Outcome&)> query) {
+  return {std::move(name),
+          [query](const TempDir& dir, Outcome& out) { out.result = query(dir, out); }, nullptr};
+}
 
-// Path::Exists on a file, or Path::IsDirectory on a directory.
-Operation PathQuery(bool directory) {
-  return {directory ? "Path::IsDirectory" : "Path::Exists",
-          [directory](const TempDir& dir, Outcome& out) {
-            const Path path(directory ? dir.MakeDir("d") : dir.WriteFile("f", "x"));
-            out.result = (directory ? path.IsDirectory() : path.Exists()) ? "true" : "false";
-            out.errorAfter = errno;
-          },
-          [directory](const Point& point, const Outcome&, const TempDir&) {
-            const bool opendir = point.function == Function::opendir;
-            Expected expected = WithResult(point.error == ENOENT || opendir ? "false" : "true");
-            if (!directory || opendir) {
-              expected.errorAfter = opendir ? point.error : 0;
-            }
-            return expected;
-          }};
+std::string Flag(bool value) {
+  return value ? "true" : "false";
 }
 
 // --- File ------------------------------------------------------------------------------------
@@ -203,50 +337,6 @@ const std::string kData = "0123456789A";
 
 std::string FileContent(const TempDir& dir) {
   return testing::ReadWholeFile(dir / "f");
-}
-
-// What opening a File on an existing path gives when the point is among the opening calls;
-// nullopt when the open goes on as usual.
-std::optional<Expected> OpenFailure(const Point& point, const std::string& path) {
-  if (point.phase != kOpen) {
-    return std::nullopt;
-  }
-  Expected expected;
-  if (point.function == Function::access && point.inPhase == 1 && point.error == ENOENT) {
-    expected.exception = "invalid_argument: could not open specified path";
-    expected.records = {
-        FileRecord("Impl", 3, "Tried to open \"" + path + "\" but it didn't exist")};
-    return expected;
-  }
-  if (point.function == Function::open) {
-    expected.exception =
-        "ios_base::failure (iostream 1): Failed on kernel call to open: iostream error";
-    expected.records = {FileRecord("Impl", 3, "failed on kernel open with " + Error(point.error))};
-    return expected;
-  }
-  return std::nullopt;
-}
-
-// The one record a failed call of the stream buffer writes, by function.
-std::vector<std::string> StreamRecords(const Point& point, bool readSide) {
-  switch (point.function) {
-    case Function::lseek:
-      return {FileRecord("SeekSet", 7, "failed on lseek with " + Error(point.error))};
-    case Function::write:
-      return {FileRecord("Write", 3, "failed on write with " + Error(point.error))};
-    case Function::read:
-      return {FileRecord("underflow", 3, "failed on underflow read with " + Error(point.error))};
-    case Function::syncfs:
-    case Function::fdatasync:
-      return {
-          readSide
-              ? FileRecord("SyncInput", 3, "failed on input sync with " + Error(point.error))
-              : FileRecord("SyncOutput", 3, "failed on output sync with " + Error(point.error))};
-    case Function::close:
-      return {FileRecord("~File", 3, "failed on close with " + std::to_string(point.error))};
-    default:
-      return {};
-  }
 }
 
 File::Options Options(const PathIF* path, std::uint32_t readSize, std::uint32_t writeSize,
@@ -265,27 +355,20 @@ Operation FileRead(std::uint32_t bufferSize) {
             SetPhase(kOpen);
             auto file = std::make_unique<File>(Options(&path, bufferSize, 0, true, false));
             SetPhase(kUse);
-            std::streambuf& buffer = *file;
-            ReadToEnd(buffer, out.result);
+            ReadToEnd(*file, out.result);
             SetPhase(kClose);
             file.reset();
           },
-          [](const Point& point, const Outcome&, const TempDir& dir) {
-            if (auto failure = OpenFailure(point, dir / "f")) {
-              return *failure;
+          [](const Point& point, const Outcome&, const TempDir&, Expected expected) {
+            if (point.phase == kUse && point.function != Function::syncfs) {
+              // A failed refill ends the reading early; what was read is the file's beginning.
+              expected.result.reset();
+              expected.check = [](const Outcome& got) {
+                return kOriginal.compare(0, got.result.size(), got.result) == 0
+                           ? std::string()
+                           : "read bytes are not the file's beginning: " + got.result;
+              };
             }
-            Expected expected;
-            expected.records = StreamRecords(point, false);
-            if (point.phase != kUse || point.function == Function::syncfs) {
-              expected.result = kOriginal;
-              return expected;
-            }
-            // A failed refill ends the reading early; what was read is still the file's beginning.
-            expected.check = [](const Outcome& got) {
-              return kOriginal.compare(0, got.result.size(), got.result) == 0
-                         ? std::string()
-                         : "read bytes are not the file's beginning: " + got.result;
-            };
             return expected;
           }};
 }
@@ -317,21 +400,18 @@ Operation FileWrite(std::uint32_t bufferSize, bool flush, bool durable = false) 
             SetPhase(kClose);
             file.reset();
           },
-          [flush](const Point& point, const Outcome&, const TempDir& dir) {
-            if (auto failure = OpenFailure(point, dir / "f")) {
-              failure->check = Holds(kOriginal);
-              return *failure;
+          [flush](const Point& point, const Outcome&, const TempDir&, Expected expected) {
+            if (expected.exception) {
+              expected.check = Holds(kOriginal);
+              return expected;
             }
-            Expected expected;
-            expected.records = StreamRecords(point, false);
             const bool positioningOrWrite =
                 point.function == Function::lseek || point.function == Function::write;
-            const bool failsWrite = positioningOrWrite && point.phase == kUse;
-            const bool failsFlush = positioningOrWrite && point.phase == kFlush;
             const bool losesHeld = positioningOrWrite && point.phase == kClose;
-            if (!failsWrite) {
-              expected.result = "accepted " + std::to_string(kData.size()) +
-                                (flush ? (failsFlush ? ", flush failed" : ", flushed") : "");
+            if (positioningOrWrite && point.phase == kUse) {
+              expected.result.reset();
+            } else if (positioningOrWrite && point.phase == kFlush) {
+              expected.result = "accepted " + std::to_string(kData.size()) + ", flush failed";
             }
             expected.check = [losesHeld](const Outcome& got) {
               if (losesHeld) {
@@ -370,24 +450,22 @@ Operation FileReadWrite() {
             SetPhase(kClose);
             file.reset();
           },
-          [](const Point& point, const Outcome&, const TempDir& dir) {
-            if (auto failure = OpenFailure(point, dir / "f")) {
-              return *failure;
+          [](const Point& point, const Outcome&, const TempDir&, Expected expected) {
+            if (expected.exception) {
+              return expected;
             }
             const std::string written = kData.substr(0, 3) + kOriginal.substr(3);
-            Expected expected;
             const bool inFlush = point.phase == kFlush;
+            const Function function = point.function;
+            // A flush fails at its write (its first lseek), input sync, or refill (its second).
             const bool outputFails =
-                inFlush && (point.function == Function::write ||
-                            (point.function == Function::lseek && point.inPhase == 1));
-            const bool inputSyncFails =
-                inFlush && point.function == Function::syncfs && point.inPhase == 2;
-            const bool refillFails =
-                inFlush && (point.function == Function::read ||
-                            (point.function == Function::lseek && point.inPhase == 2));
-            expected.result =
-                outputFails || inputSyncFails || refillFails ? "flush failed" : "flushed";
-            expected.records = StreamRecords(point, inputSyncFails);
+                inFlush && (function == Function::write ||
+                            (function == Function::lseek && point.inPhase == 1));
+            if (inFlush && (outputFails || function == Function::read ||
+                            (function == Function::lseek && point.inPhase == 2) ||
+                            (function == Function::syncfs && point.inPhase == 2))) {
+              expected.result = "flush failed";
+            }
             // Until the destructor writes them, bytes a failed flush kept are not in the file.
             const std::string read = outputFails ? kOriginal : written;
             const bool readCut = point.phase == kRead;
@@ -412,59 +490,22 @@ Operation FileInMemory() {
             SetPhase(kOpen);
             auto file = std::make_unique<File>(Options(nullptr, 4, 8, true, true));
             SetPhase(kUse);
-            std::streambuf& buffer = *file;
-            out.result = std::to_string(buffer.sputn("hello", 5));
+            out.result = std::to_string(static_cast<std::streambuf&>(*file).sputn("hello", 5));
             SetPhase(kClose);
             file.reset();
           },
-          [](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected;
-            if (point.function == Function::memfd_create) {
-              expected.exception =
-                  "ios_base::failure (iostream 1): could not open in memory: iostream error";
-              expected.records = {
-                  FileRecord("Impl", 3, "failed on ram syscall with: " + Error(point.error))};
-              return expected;
-            }
-            expected.result = "5";
-            expected.records = StreamRecords(point, false);
-            return expected;
-          }};
+          nullptr};
 }
 
-// CreateFile on a missing name (recreate false) or RecreateFile on a file with contents.
+// CreateFile on a missing name (recreate false) or RecreateFile on a file with contents; the
+// result ends with what the name then holds.
 Operation CreateOrRecreate(bool recreate) {
-  const std::string function = recreate ? "RecreateFile" : "CreateFile";
-  return {"File::" + function,
-          [recreate](const TempDir& dir, Outcome& out) {
-            const std::string name = recreate ? dir.WriteFile("f", kOriginal) : dir / "new";
-            out.result =
-                (recreate ? File::RecreateFile(name) : File::CreateFile(name)) ? "true" : "false";
-            std::ifstream in(name);
-            out.content = in ? testing::ReadWholeFile(name) : "(missing)";
-          },
-          [recreate, function](const Point& point, const Outcome&, const TempDir& dir) {
-            Expected expected;
-            const bool failed = point.function == Function::open;
-            expected.result = failed ? "false" : "true";
-            if (failed) {
-              const std::string name = recreate ? dir / "f" : dir / "new";
-              expected.records = {FileRecord(
-                  function, 3, "Could not open " + name + "(" + Error(point.error) + ")")};
-            }
-            const std::string before = recreate ? kOriginal : "(missing)";
-            const std::string want = failed ? before : "";
-            expected.check = Holds(want);
-            return expected;
-          }};
-}
-
-Operation GetFileSize() {
-  return {"File::GetFileSize",
-          [](const TempDir& dir, Outcome& out) {
-            out.result = std::to_string(File::GetFileSize(dir.WriteFile("f", kOriginal)));
-          },
-          [](const Point&, const Outcome&, const TempDir&) { return WithResult("0"); }};
+  return Query(recreate ? "File::RecreateFile" : "File::CreateFile", [recreate](const TempDir& dir,
+                                                                                Outcome&) {
+    const std::string name = recreate ? dir.WriteFile("f", kOriginal) : dir / "new";
+    const bool done = recreate ? File::RecreateFile(name) : File::CreateFile(name);
+    return Flag(done) + ", " + (std::ifstream(name) ? testing::ReadWholeFile(name) : "(missing)");
+  });
 }
 
 // --- AtomicFile ------------------------------------------------------------------------------
@@ -518,92 +559,11 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
         SetPhase(kClose);
         file.reset();
       },
-      [existing, ending](const Point& point, const Outcome&, const TempDir& dir) {
-        const std::string target = dir / "a/f";
-        const std::string temporary = dir / "a/.f.XXXXXX";
-        const std::string directory = dir / "a/";
+      [existing, ending](const Point& point, const Outcome&, const TempDir&, Expected expected) {
         const std::string before = existing ? "f=" + kOriginal + ";" : "";
         const std::string after = "f=" + kData + ";";
-        Expected expected;
-        // Only root may give a file away: a caller that may not keeps the file as its own.
-        const bool ownerRefused = point.function == Function::fchown && point.error != EIO;
-        if (point.phase == kOpen && !ownerRefused) {
-          // The constructor throws after its record and leaves nothing behind.
-          // Per failing call: the exception's message, the function that records, the record.
-          const std::map<Function, std::array<std::string, 3>> failures = {
-              {Function::lstat,
-               {"AtomicFile cannot examine its path", "Impl", "cannot examine " + target + ": "}},
-              {Function::open,
-               {"AtomicFile cannot create its temporary file", "Impl",
-                "cannot create a temporary file beside " + target + ": "}},
-              {Function::fchown,
-               {"AtomicFile cannot set its temporary file's owner", "KeepOwner",
-                "cannot give " + temporary + " the owner of " + target + ": "}}};
-          const auto& [message, function, record] = failures.at(point.function);
-          expected.exception = "ios_base::failure (iostream 1): " + message + ": iostream error";
-          expected.records = {FileRecord(function, 3, record + Error(point.error))};
-          expected.check = Holds(before);
-          return expected;
-        }
-        const bool commits = ending == Ending::Commit;
-        // The step Commit or a write names when it fails, and whether the rename was done.
-        std::optional<std::pair<std::string, bool>> step;
-        if (point.function == Function::write && point.error != EINTR) {
-          step = {"write to " + temporary, false};
-        } else if (commits && point.phase == kFlush) {
-          const bool first = point.inPhase == 1;
-          switch (point.function) {
-            case Function::fsync:
-              step = {"fsync of " + (first ? temporary : directory), !first};
-              break;
-            case Function::close:
-              step = {"close of " + (first ? temporary : directory), !first};
-              break;
-            case Function::rename:
-              step = {"rename of " + temporary + " to " + target, false};
-              break;
-            case Function::fchmod:
-              step = {"setting the mode of " + temporary, false};
-              break;
-            case Function::open:
-              step = {"open of " + directory, true};
-              break;
-            default:
-              break;
-          }
-        }
-        const std::string endResult = commits                    ? ", committed, bad"
-                                      : ending == Ending::Cancel ? ", bad"
-                                                                 : "";
-        expected.result = "written" + endResult;
-        expected.check = Holds(commits ? after : before);
-        if (step) {
-          const auto& [what, inPlace] = *step;
-          expected.records = {
-              FileRecord("Fail", 3,
-                         "replacing " + target + " failed on " + what + ": " + Error(point.error) +
-                             (inPlace ? "; the new content is in place but its durability is not "
-                                        "confirmed"
-                                      : "; it keeps its old content"))};
-          expected.check = Holds(inPlace ? after : before);
-          if (point.phase == kUse) {
-            // The stream went bad at the write; a later Commit finds nothing to commit.
-            expected.result = commits                    ? "bad, not committed, bad"
-                              : ending == Ending::Cancel ? "bad, bad"
-                                                         : "bad";
-            if (commits) {
-              expected.records.push_back(FileRecord(
-                  "DoCommit", 3,
-                  "nothing to commit for " + target + ": already committed, cancelled or failed"));
-            }
-          } else {
-            expected.result = "written, not committed, bad";
-          }
-        } else if (point.function == Function::remove) {
-          // Only a failed removal leaves the temporary file, and says so.
-          expected.records = {FileRecord(
-              "Discard", 3,
-              "cannot remove the temporary file " + temporary + ": " + Error(point.error))};
+        const std::string record = expected.records.empty() ? "" : expected.records.front();
+        if (point.function == Function::remove) {
           // It holds a prefix of what was written: the bytes drained before the end.
           expected.check = [before](const Outcome& got) {
             const std::string left = ".f.XXXXXX=";
@@ -617,6 +577,11 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
                        ? std::string()
                        : "a/ holds " + got.content;
           };
+        } else if (record.find("in place") != std::string::npos) {
+          expected.check = Holds(after);
+        } else {
+          const bool failed = expected.exception || record.rfind("Fail", 0) == 0;
+          expected.check = Holds(ending == Ending::Commit && !failed ? after : before);
         }
         return expected;
       },
@@ -632,120 +597,66 @@ std::shared_ptr<Directory> DirectoryOn(const std::string& path) {
 
 // CreateDirectory on a missing path (exists false) or on an existing directory.
 Operation CreateDirectory(bool exists) {
-  return {
-      std::string("Directory::CreateDirectory, ") + (exists ? "existing" : "missing"),
-      [exists](const TempDir& dir, Outcome& out) {
-        const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
-        const bool result = DirectoryOn(path)->CreateDirectory();
-        out.result = std::string(result ? "true" : "false") +
-                     (std::ifstream(path + "/.") ? ", present" : ", absent");
-        if (testing::ListTree(dir.Path()) != std::vector<std::string>{"a", "a/b"} &&
-            !testing::ListTree(dir.Path()).empty()) {
-          out.result += ", other entries";
-        }
-      },
-      [exists](const Point& point, const Outcome&, const TempDir&) {
-        Expected expected;
-        const bool accessFails = point.function == Function::access;
-        if (!exists) {
-          // A missing path that seems to exist (any error but ENOENT) is no directory.
-          const bool seemsToExist = accessFails && point.error != ENOENT;
-          expected.result = seemsToExist || point.function == Function::system ? "false, absent"
-                                                                               : "true, present";
-          return expected;
-        }
-        const bool notDirectory = (accessFails && point.inPhase == 2 && point.error == ENOENT) ||
-                                  point.function == Function::opendir;
-        // A first answer of ENOENT sends the existing directory to mkdir -p, which succeeds.
-        expected.result = notDirectory ? "false, present" : "true, present";
-        return expected;
-      }};
+  return Query(std::string("Directory::CreateDirectory, ") + (exists ? "existing" : "missing"),
+               [exists](const TempDir& dir, Outcome&) {
+                 const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
+                 const bool result = DirectoryOn(path)->CreateDirectory();
+                 const std::vector<std::string> tree = testing::ListTree(dir.Path());
+                 return Flag(result) + (std::ifstream(path + "/.") ? ", present" : ", absent") +
+                        (tree != std::vector<std::string>{"a", "a/b"} && !tree.empty()
+                             ? ", other entries"
+                             : "");
+               });
 }
 
 Operation EmptyDirectory() {
-  return {"Directory::EmptyDirectory",
-          [](const TempDir& dir, Outcome& out) {
-            dir.WriteFile("d/x", "1");
-            dir.WriteFile("d/sub/y", "2");
-            dir.WriteFile("d/.keep", "3");
-            out.result = DirectoryOn(dir / "d")->EmptyDirectory() ? "true" : "false";
-            for (const std::string& entry : testing::ListTree(dir / "d")) {
-              out.result += " " + entry;
-            }
-          },
-          [](const Point& point, const Outcome&, const TempDir&) {
-            const bool refused = (point.function == Function::access && point.error == ENOENT) ||
-                                 point.function == Function::opendir ||
-                                 point.function == Function::system;
-            return WithResult(refused ? "false .keep sub sub/y x" : "true .keep");
-          }};
+  return Query("Directory::EmptyDirectory", [](const TempDir& dir, Outcome&) {
+    dir.WriteFile("d/x", "1");
+    dir.WriteFile("d/sub/y", "2");
+    dir.WriteFile("d/.keep", "3");
+    std::string result = Flag(DirectoryOn(dir / "d")->EmptyDirectory());
+    for (const std::string& entry : testing::ListTree(dir / "d")) {
+      result += " " + entry;
+    }
+    return result;
+  });
 }
 
 // a, b, sub/c and sub/deeper/d, 100 bytes each; one subdirectory per level.
 Operation GetDirectorySize() {
-  return {"Directory::GetDirectorySize",
-          [](const TempDir& dir, Outcome& out) {
-            const std::string hundred(100, 'x');
-            for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
-              dir.WriteFile(name, hundred);
-            }
-            out.result = std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
-          },
-          [](const Point& point, const Outcome&, const TempDir&) {
-            Expected expected;
-            switch (point.function) {
-              case Function::opendir:
-                // The top level, then sub, then sub/deeper: each lost level takes its files.
-                expected.result =
-                    std::to_string(100 * (point.call - 1) + (point.call > 1 ? 100 : 0));
-                break;
-              case Function::stat:
-                expected.result = "300";
-                break;
-              case Function::closedir:
-                expected.result = "400";
-                break;
-              default:
-                // A failed readdir ends its directory early: a smaller sum of whole files.
-                expected.check = [](const Outcome& got) {
-                  const unsigned long sum = std::stoul(got.result);
-                  return sum <= 400 && sum % 100 == 0 ? std::string() : "sum " + got.result;
-                };
-            }
-            return expected;
-          }};
+  Operation operation = Query("Directory::GetDirectorySize", [](const TempDir& dir, Outcome&) {
+    for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
+      dir.WriteFile(name, std::string(100, 'x'));
+    }
+    return std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
+  });
+  operation.expect = [](const Point& point, const Outcome&, const TempDir&, Expected expected) {
+    if (point.function == Function::readdir) {
+      // A failed readdir ends its directory early: a smaller sum of whole files.
+      expected.result.reset();
+      expected.check = [](const Outcome& got) {
+        const unsigned long sum = std::stoul(got.result);
+        return sum <= 400 && sum % 100 == 0 ? std::string() : "sum " + got.result;
+      };
+    }
+    return expected;
+  };
+  return operation;
 }
 
 // GetFileSystemUsedSize or GetPercentageUsed of "/", whose only call is its statfs.
 Operation StatisticsQuery(bool percentage) {
-  const std::string name = percentage ? "GetPercentageUsed" : "GetFileSystemUsedSize";
-  return {
-      "Directory::" + name,
-      [percentage](const TempDir&, Outcome& out) {
-        const auto directory = DirectoryOn("/");
-        const std::uint64_t value = percentage
-                                        ? static_cast<std::uint64_t>(directory->GetPercentageUsed())
-                                        : directory->GetFileSystemUsedSize();
-        out.result = value > 0 ? "positive" : "0";
-      },
-      [name, percentage](const Point& point, const Outcome&, const TempDir&) {
-        const int error = point.error;
-        Expected expected = WithResult("0");
-        expected.records = {FileRecord(
-            name, 3,
-            percentage ? "failed to open / with " + Error(error) + "(" + std::to_string(error) + ")"
-                       : "failed to open path with " + std::to_string(error))};
-        return expected;
-      }};
+  return Query(percentage ? "Directory::GetPercentageUsed" : "Directory::GetFileSystemUsedSize",
+               [percentage](const TempDir&, Outcome&) {
+                 const auto directory = DirectoryOn("/");
+                 const std::uint64_t value =
+                     percentage ? static_cast<std::uint64_t>(directory->GetPercentageUsed())
+                                : directory->GetFileSystemUsedSize();
+                 return value > 0 ? "positive" : "0";
+               });
 }
 
 // --- Tar -------------------------------------------------------------------------------------
-
-// An archive shared by every point: "one", "dir/" and "dir/two".
-std::string& Archive() {
-  static std::string archive;
-  return archive;
-}
 
 // A name of an archive that does not exist, beside the shared one.
 std::string MissingArchive() {
@@ -792,109 +703,99 @@ struct RunnerEffect {
   bool mayNotFire = false;
 };
 
-// ran: the arguments tar runs with, "tar" first.
+// One row of what a runner's failed call does: in the runners named (kPlain, kStreaming or
+// both), for the inPhase-th calls first to last (0: any) with error (as in Row), a failure with
+// status (kNoFailure: none; kMinusError: the error negated) and one record, or only a record;
+// throws, cut and mayNotFire as in RunnerFailure and RunnerEffect. In the record, {s} is tar's
+// command line with spaces, {t} without them, {e} and {n} the error as in Row.
+struct RunnerRow {
+  int runners;
+  Function function;
+  long first;
+  long last;
+  int error;
+  int status;
+  const char* record;
+  bool throws;
+  bool cut;
+  bool mayNotFire;
+};
+enum : int { kPlain = 1, kStreaming = 2, kBoth = 3, kNoFailure = 1000, kMinusError };
+
+// The streaming runner names the step of the start that failed; a failed pipe, fcntl (but the
+// third, asking for a larger pipe, which the runner does without) or fork is the runner's own;
+// a failed dup2 or execvp in TarApi's child is tar's 255. The streaming runner closes the
+// pipes' four ends with a record, and the socket's, which carry no output, without. Its first
+// read is the report that says tar runs: without it nothing is known of tar, which is killed.
+// Its further reads, of the output and then of tar's status, come as often as timing has it:
+// the status read fails the wait; a read of the output ends it early, or, with EINTR, is retried.
+// clang-format off
+const RunnerRow kRunnerRows[] = {
+    {kBoth, F::pipe2, 0, 0, 0, kMinusError, "RunCmd: failed to pipe: {n}", false, false, false},
+    {kBoth, F::fcntl, 1, 2, 0, kMinusError, "RunCmd: failed to pipe: {n}", false, false, false},
+    {kBoth, F::fork, 0, 0, 0, kMinusError, "RunCmd: Failed to fork: {t}", false, false, false},
+    {kStreaming, F::socketpair, 0, 0, 0, kMinusError, "RunCmd: socketpair failed for {s}: {e}", false, false, false},
+    {kStreaming, F::clone, 0, 0, 0, kMinusError, "RunCmd: clone failed for {s}: {e}", false, false, false},
+    {kBoth, F::dup2, 0, 0, 0, 255, "RunCmd: tar returned 255,\n", false, false, false},
+    {kBoth, F::dup3, 0, 0, 0, 255, "RunCmd: dup3 failed for {s}: {e}", false, false, false},
+    {kPlain, F::execvp, 0, 0, 0, 255, "RunCmd: tar returned 255,\n", false, false, false},
+    {kStreaming, F::execvp, 0, 0, 0, 255, "RunCmd: execvp failed for {s}: {e}", false, false, false},
+    {kPlain, F::close, 0, 0, 0, kNoFailure, "ClosePipe: failed to close pipe: {n}", false, false, false},
+    {kStreaming, F::close, 2, 5, 0, kNoFailure, "RunCmd: failed to close pipe: {n}", false, false, false},
+    {kBoth, F::poll, 0, 0, 0, kNoFailure, nullptr, false, false, true},
+    {kStreaming, F::read, 1, 1, -EINTR, kMinusError, "RunCmd: read failed for {s}: {e}", false, false, false},
+    {kStreaming, F::read, 2, 1000, -EINTR, 0, "RunCmd: waitpid failure: {e}", true, true, true},
+    {kStreaming, F::read, 2, 1000, EINTR, kNoFailure, nullptr, false, false, true},
+    {kPlain, F::waitpid, 0, 0, 0, 0, "RunCmd: waitpid failure: {e}", true, false, false},
+    {kStreaming, F::waitpid, 0, 0, ECHILD, 0, "RunCmd: waitpid failure: {e}", true, false, false},
+};
+// clang-format on
+
+// ran: the arguments tar runs with, "tar" first. A failed waitpid may not be reached when the
+// run has a time-out; TarApi reads a byte at a time and stops before the byte of a failed read.
 RunnerEffect EffectOf(const Point& point, const std::vector<std::string>& ran, bool streaming,
                       bool timed) {
   RunnerEffect effect;
-  const int error = point.error;
+  effect.mayNotFire = timed && point.function == Function::waitpid;
+  if (!streaming && point.function == Function::read) {
+    effect.cutAt = static_cast<std::size_t>(point.call - 1);
+  }
   std::string together;
   std::string spaced;
   for (const std::string& arg : ran) {
     together += arg;
     spaced += (spaced.empty() ? "" : " ") + arg;
   }
-  // The streaming runner names the step of the start that failed.
-  const auto failedStep = [&](const char* call, int status) {
-    return RunnerFailure{
-        status,
-        {TarRecord("RunCmd", std::string(call) + " failed for " + spaced + ": " + Error(error))}};
-  };
-  const RunnerFailure notStarted{-error, {TarRecord("RunCmd", "Failed to fork: " + together)}};
-  const RunnerFailure notRun{255, {TarRecord("RunCmd", "tar returned 255,\n")}};
-  const RunnerFailure waitFailed{
-      0, {TarRecord("RunCmd", "waitpid failure: " + Error(error))}, true};
-  const std::string closeFailed = "failed to close pipe: " + std::to_string(error);
-  const RunnerFailure noPipe{-error,
-                             {TarRecord("RunCmd", "failed to pipe: " + std::to_string(error))}};
-  switch (point.function) {
-    case Function::pipe2:
-      effect.failure = noPipe;
+  const int error = point.error;
+  for (const RunnerRow& row : kRunnerRows) {
+    const bool errorFits =
+        row.error == 0 || row.error == error || (row.error < 0 && -row.error != error);
+    if ((row.runners & (streaming ? kStreaming : kPlain)) == 0 || row.function != point.function ||
+        (row.first != 0 && (point.inPhase < row.first || point.inPhase > row.last)) || !errorFits) {
+      continue;
+    }
+    effect.mayNotFire = effect.mayNotFire || row.mayNotFire;
+    effect.cut = row.cut;
+    if (row.record == nullptr) {
       break;
-    case Function::fcntl:
-      // The streaming runner's third asks for a larger output pipe, which it can do without.
-      if (point.inPhase <= 2) {
-        effect.failure = noPipe;
+    }
+    std::string record = row.record;
+    const std::size_t colon = record.find(": ");
+    record = Fill(TarRecord(record.substr(0, colon), record.substr(colon + 2)), point, "");
+    for (const auto& [field, value] : {std::pair{"{s}", spaced}, std::pair{"{t}", together}}) {
+      if (const std::size_t at = record.find(field); at != std::string::npos) {
+        record.replace(at, 3, value);
       }
-      break;
-    case Function::fork:
-      effect.failure = notStarted;
-      break;
-    case Function::socketpair:
-      effect.failure = failedStep("socketpair", -error);
-      break;
-    case Function::clone:
-      // The first makes the intermediate; the second, made by it, is tar's process.
-      effect.failure = failedStep("clone", -error);
-      break;
-    case Function::dup2:
-      effect.failure = notRun;
-      break;
-    case Function::dup3:
-      effect.failure = failedStep("dup3", 255);
-      break;
-    case Function::execvp:
-      effect.failure = streaming ? failedStep("execvp", 255) : notRun;
-      break;
-    case Function::close:
-      // The streaming runner closes the pipes' four ends with a record, and the socket's, which
-      // carry no output, without.
-      if (!streaming) {
-        effect.records = {TarRecord("ClosePipe", closeFailed)};
-      } else if (point.inPhase >= 2 && point.inPhase <= 5) {
-        effect.records = {TarRecord("RunCmd", closeFailed)};
-      }
-      break;
-    case Function::poll:
-      effect.mayNotFire = true;
-      break;
-    case Function::read:
-      if (!streaming) {
-        effect.cutAt = static_cast<std::size_t>(point.call - 1);
-      } else if (point.inPhase == 1) {
-        // The report that says tar runs: without it, nothing is known of tar, which is killed.
-        if (error != EINTR) {
-          effect.failure = failedStep("read", -error);
-        }
-      } else {
-        // Reads of the output, then the one of tar's status: their number depends on timing.
-        // The status read fails the wait; a read of the output ends it early, or, with EAGAIN,
-        // waits for the next drain.
-        effect.cut = error != EINTR;
-        effect.mayNotFire = true;
-        if (error != EINTR) {
-          effect.failure = waitFailed;
-        }
-      }
-      break;
-    case Function::waitpid:
-      effect.mayNotFire = timed;
-      if (!streaming || error == ECHILD) {
-        effect.failure = waitFailed;
-      }
-      break;
-    default:
-      break;
+    }
+    if (row.status == kNoFailure) {
+      effect.records = {record};
+    } else {
+      effect.failure =
+          RunnerFailure{row.status == kMinusError ? -error : row.status, {record}, row.throws};
+    }
+    break;
   }
   return effect;
-}
-
-// What a caller sees when the runner throws: its record and the exception.
-Expected Thrown(const RunnerFailure& failure) {
-  Expected expected;
-  expected.records = failure.records;
-  expected.exception = "runtime_error: waitpid failure";
-  expected.childMayRemain = true;
-  return expected;
 }
 
 // Whether got is the failed wait that effect allows.
@@ -904,14 +805,43 @@ bool WaitFailed(const Outcome& got, const RunnerEffect& effect) {
          got.records == effect.failure->records;
 }
 
+// What a runner's operation gives for a point. A run cut at a moment timing decides is left to
+// cut (or is the failed wait); a failed wait throws, leaving the child for nobody to reap, as the
+// contract has it; a failure of the runner's own gives failed's result and its records (and
+// more); otherwise the run goes on as usual, with the effect's records.
+Expected RunnerExpected(const Point& point, const RunnerEffect& effect, std::string usual,
+                        const std::function<std::string(int status)>& failed,
+                        std::function<std::string(const Outcome&)> cut,
+                        std::vector<std::string> more = {}) {
+  Expected expected;
+  expected.mayNotFire = effect.mayNotFire;
+  if (effect.cut || (effect.failure && effect.mayNotFire)) {
+    expected.checkDecides = true;
+    // Only a failed waitpid leaves the intermediate, unreaped, as TarApi leaves its child.
+    expected.childMayRemain = point.function == Function::waitpid;
+    expected.check = [effect, cut = std::move(cut)](const Outcome& got) {
+      return WaitFailed(got, effect) ? std::string() : cut(got);
+    };
+  } else if (effect.failure) {
+    expected.records = effect.failure->records;
+    if (effect.failure->throws) {
+      expected.exception = "runtime_error: waitpid failure";
+      expected.childMayRemain = true;
+      return expected;
+    }
+    expected.result = failed(effect.failure->status);
+    expected.records.insert(expected.records.end(), more.begin(), more.end());
+  } else {
+    expected.result = std::move(usual);
+    expected.records = effect.records;
+  }
+  return expected;
+}
+
 // Whether got is what a run cut by a failed poll or read may give: output that begins the
 // whole output, with status 0 (unless tar fails anyway), or tar's failure (status 2) and its
 // record; or, for a read, a failed read of tar's status.
-std::string CutOutcome(const Outcome& got, const std::string& output, const RunnerEffect& effect,
-                       bool tarFails) {
-  if (WaitFailed(got, effect)) {
-    return std::string();
-  }
+std::string CutOutcome(const Outcome& got, const std::string& output, bool tarFails) {
   const std::size_t bar = got.result.rfind('|');
   if (bar == std::string::npos || !got.exception.empty()) {
     return "outcome " + got.result + " " + got.exception;
@@ -950,36 +880,23 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
         out.result = output + "|" + std::to_string(status);
         out.content = Joined(args);
       },
-      [streaming, timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&) {
+      [streaming, timed, tarFails](const Point& point, const Outcome& baseline, const TempDir&,
+                                   Expected) {
         const std::string archive = tarFails ? MissingArchive() : Archive();
         const std::string output = baseline.result.substr(0, baseline.result.find('|'));
         const RunnerEffect effect = EffectOf(point, {"tar", "-tf", archive}, streaming, timed);
-        Expected expected;
-        expected.mayNotFire = effect.mayNotFire;
-        if (effect.cut || (effect.failure && effect.mayNotFire)) {
-          expected.checkDecides = true;
-          // Only a failed waitpid leaves the intermediate, unreaped, as TarApi leaves its child.
-          expected.childMayRemain = point.function == Function::waitpid;
-          expected.check = [output, effect, tarFails](const Outcome& got) {
-            return CutOutcome(got, output, effect, tarFails);
-          };
-          return expected;
-        }
-        if (effect.failure && effect.failure->throws) {
-          return Thrown(*effect.failure);
-        }
-        expected.result = effect.cutAt ? output.substr(0, *effect.cutAt) + "|0" : baseline.result;
-        expected.records = effect.records;
-        expected.records.insert(expected.records.end(), baseline.records.begin(),
-                                baseline.records.end());
-        if (effect.failure) {
-          expected.result = "|" + std::to_string(effect.failure->status);
-          expected.records = effect.failure->records;
+        Expected expected = RunnerExpected(
+            point, effect, effect.cutAt ? output.substr(0, *effect.cutAt) + "|0" : baseline.result,
+            [](int status) { return "|" + std::to_string(status); },
+            [output, tarFails](const Outcome& got) { return CutOutcome(got, output, tarFails); });
+        if (effect.failure && !expected.checkDecides && !expected.exception) {
           // A failed pipe leaves the argument list as it was.
           const bool noPipe =
               point.function == Function::pipe2 || point.function == Function::fcntl;
-          const std::string args = noPipe ? "-tf;" + archive + ";" : baseline.content;
-          expected.check = Holds(args);
+          expected.check = Holds(noPipe ? "-tf;" + archive + ";" : baseline.content);
+        } else if (!effect.failure) {
+          expected.records.insert(expected.records.end(), baseline.records.begin(),
+                                  baseline.records.end());
         }
         return expected;
       }};
@@ -1005,7 +922,7 @@ Operation RunCmdTimesOut() {
           out.result = std::string("threw ") + error.what();
         }
       },
-      [](const Point& point, const Outcome&, const TempDir& dir) {
+      [](const Point& point, const Outcome&, const TempDir& dir, Expected) {
         const std::string fifo = dir / "fifo.tar";
         const RunnerEffect effect = EffectOf(point, {"tar", "-tf", fifo}, true, true);
         Expected expected;
@@ -1028,18 +945,6 @@ Operation RunCmdTimesOut() {
   return operation;
 }
 
-// Expectations shared by the Untar operations for a failed archive check at construction.
-std::optional<Expected> UntarConstructionFailure(const Point& point) {
-  if (point.phase == kOpen && point.function == Function::access && point.inPhase == 1 &&
-      point.error == ENOENT) {
-    Expected expected;
-    expected.exception = "runtime_error: Path is not a file";
-    expected.records = {TarRecord("Impl", "path is not a file: " + Archive())};
-    return expected;
-  }
-  return std::nullopt;
-}
-
 // An Untar on the shared archive, through TarApi, or through StreamingTarApi when streaming is
 // set.
 Untar UntarOf(bool streaming) {
@@ -1057,157 +962,137 @@ Operation FileList(bool streaming) {
         SetPhase(kUse);
         out.result = Joined(untar.FileList());
       },
-      [streaming](const Point& point, const Outcome& baseline, const TempDir&) {
-        if (auto failure = UntarConstructionFailure(point)) {
-          return *failure;
+      [streaming](const Point& point, const Outcome& baseline, const TempDir&, Expected fromRows) {
+        if (fromRows.exception) {
+          return fromRows;
         }
         const RunnerEffect effect = EffectOf(point, {"tar", "-tf", Archive()}, streaming, false);
         const std::string output = "one\ndir/\ndir/two\n";
-        Expected expected;
-        expected.mayNotFire = effect.mayNotFire;
-        if (effect.cut) {
-          // The names of some beginning of the output; or, when tar failed to write the rest,
-          // none and both records; or the wait's failure.
-          expected.checkDecides = true;
-          expected.check = [output, effect](const Outcome& got) {
-            if (WaitFailed(got, effect)) {
-              return std::string();
-            }
-            for (std::size_t end = 0; end <= output.size(); ++end) {
-              const std::string cut = output.substr(0, end);
-              const std::vector<std::string> failed = {
-                  TarRecord("RunCmd", "tar returned 2,\n" + cut),
-                  TarRecord("DoFileList", "Tar command failed: 2, " + cut)};
-              if (got.exception.empty() &&
-                  ((got.records.empty() && got.result == Joined(Split(cut))) ||
-                   (got.records == failed && got.result.empty()))) {
-                return std::string();
+        // A cut run gives the names of some beginning of the output; or, when tar failed to
+        // write the rest, none and both records.
+        return RunnerExpected(
+            point, effect,
+            effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result,
+            [](int) { return std::string(); },
+            [output](const Outcome& got) {
+              for (std::size_t end = 0; end <= output.size(); ++end) {
+                const std::string cut = output.substr(0, end);
+                const std::vector<std::string> failed = {
+                    TarRecord("RunCmd", "tar returned 2,\n" + cut),
+                    TarRecord("DoFileList", "Tar command failed: 2, " + cut)};
+                if (got.exception.empty() &&
+                    ((got.records.empty() && got.result == Joined(Split(cut))) ||
+                     (got.records == failed && got.result.empty()))) {
+                  return std::string();
+                }
               }
-            }
-            return "names " + got.result + " " + got.exception;
-          };
-          return expected;
-        }
-        if (const auto& failure = effect.failure) {
-          if (failure->throws) {
-            return Thrown(*failure);
-          }
-          expected.records = failure->records;
-          expected.result = "";
-          expected.records.push_back(TarRecord(
-              "DoFileList", "Tar command failed: " + std::to_string(failure->status) + ", "));
-          return expected;
-        }
-        expected.result =
-            effect.cutAt ? Joined(Split(output.substr(0, *effect.cutAt))) : baseline.result;
-        expected.records = effect.records;
-        return expected;
+              return "names " + got.result + " " + got.exception;
+            },
+            {TarRecord("DoFileList",
+                       "Tar command failed: " +
+                           std::to_string(effect.failure ? effect.failure->status : 0) + ", ")});
       }};
 }
 
 // Untar::Extract through either runner.
 Operation Extract(bool streaming) {
-  return {
-      std::string("Untar::Extract") + (streaming ? ", streaming" : ""),
-      [streaming](const TempDir& dir, Outcome& out) {
-        const std::string destination = dir.MakeDir("out");
-        SetPhase(kOpen);
-        Untar untar = UntarOf(streaming);
-        SetPhase(kUse);
-        out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
-        out.content = Joined(testing::ListTree(destination));
-      },
-      [streaming](const Point& point, const Outcome& baseline, const TempDir& dir) {
-        if (auto failure = UntarConstructionFailure(point)) {
-          return *failure;
-        }
-        Expected expected;
-        const std::string destination = dir / "out";
-        const bool destinationRefused =
-            point.phase == kUse && ((point.function == Function::access && point.error == ENOENT) ||
-                                    point.function == Function::opendir);
-        const RunnerEffect effect =
-            EffectOf(point, {"tar", "--warning=no-timestamp", "-xf", Archive(), "-C", destination},
-                     streaming, false);
-        expected.mayNotFire = effect.mayNotFire;
-        if (effect.cut) {
-          // tar writes nothing here, so a failed poll or read changes nothing; a failed read of
-          // tar's status fails the wait.
-          expected.checkDecides = true;
-          const Outcome want = baseline;
-          expected.check = [want, effect](const Outcome& got) {
-            const bool asUsual = got.exception.empty() && got.records.empty() &&
-                                 got.result == want.result && got.content == want.content;
-            return asUsual || WaitFailed(got, effect)
-                       ? std::string()
-                       : "outcome " + got.result + " " + got.exception;
-          };
-          return expected;
-        }
-        if (destinationRefused) {
-          expected.result = "-1";
-          expected.records = {TarRecord(
-              "DoExtract", "specified path is not an existing directory: " + destination)};
-        } else if (effect.failure && effect.failure->throws) {
-          return Thrown(*effect.failure);
-        } else if (effect.failure) {
-          expected.result = std::to_string(effect.failure->status);
-          expected.records = effect.failure->records;
-        } else {
-          expected.result = baseline.result;
-          expected.records = effect.records;
-        }
-        const std::string tree = expected.result == baseline.result ? baseline.content : "";
-        // tar, killed when whether it runs could not be read, may have extracted some entries.
-        const bool killedRunning =
-            streaming && point.function == Function::read && point.inPhase == 1;
-        const std::string whole = baseline.content;
-        expected.check = [tree, killedRunning, whole](const Outcome& got) {
-          std::istringstream entries(got.content);
-          bool part = killedRunning;
-          for (std::string entry; part && std::getline(entries, entry, ';');) {
-            part = whole.find(entry + ";") != std::string::npos;
-          }
-          return got.content == tree || part ? std::string() : "extracted " + got.content;
-        };
-        return expected;
-      }};
+  return {std::string("Untar::Extract") + (streaming ? ", streaming" : ""),
+          [streaming](const TempDir& dir, Outcome& out) {
+            const std::string destination = dir.MakeDir("out");
+            SetPhase(kOpen);
+            Untar untar = UntarOf(streaming);
+            SetPhase(kUse);
+            out.result = std::to_string(untar.Extract(std::make_shared<Path>(destination)));
+            out.content = Joined(testing::ListTree(destination));
+          },
+          [streaming](const Point& point, const Outcome& baseline, const TempDir& dir,
+                      Expected fromRows) {
+            if (fromRows.exception) {
+              return fromRows;
+            }
+            const RunnerEffect effect = EffectOf(
+                point, {"tar", "--warning=no-timestamp", "-xf", Archive(), "-C", dir / "out"},
+                streaming, false);
+            // tar writes nothing here, so a cut run is one as usual (or the failed wait).
+            Expected expected =
+                !fromRows.records.empty()
+                    ? fromRows
+                    : RunnerExpected(
+                          point, effect, baseline.result,
+                          [](int status) { return std::to_string(status); },
+                          [want = baseline](const Outcome& got) {
+                            return got.exception.empty() && got.records.empty() &&
+                                           got.result == want.result && got.content == want.content
+                                       ? std::string()
+                                       : "outcome " + got.result + " " + got.exception;
+                          });
+            if (expected.checkDecides || expected.exception) {
+              return expected;
+            }
+            const std::string tree = expected.result == baseline.result ? baseline.content : "";
+            // tar, killed when whether it runs could not be read, may have extracted some entries.
+            const bool killedRunning =
+                streaming && point.function == Function::read && point.inPhase == 1;
+            const std::string whole = baseline.content;
+            expected.check = [tree, killedRunning, whole](const Outcome& got) {
+              std::istringstream entries(got.content);
+              bool part = killedRunning;
+              for (std::string entry; part && std::getline(entries, entry, ';');) {
+                part = whole.find(entry + ";") != std::string::npos;
+              }
+              return got.content == tree || part ? std::string() : "extracted " + got.content;
+            };
+            return expected;
+          }};
 }
 
 // Every operation of the library that the sweep covers; adding one is adding an entry.
 std::vector<Operation> Operations() {
-  std::vector<Operation> operations = {PathQuery(false), PathQuery(true)};
+  const auto pathQuery = [](bool directory) {
+    return Query(directory ? "Path::IsDirectory" : "Path::Exists",
+                 [directory](const TempDir& dir, Outcome& out) {
+                   const Path path(directory ? dir.MakeDir("d") : dir.WriteFile("f", "x"));
+                   const bool result = directory ? path.IsDirectory() : path.Exists();
+                   out.errorAfter = errno;
+                   return Flag(result);
+                 });
+  };
+  std::vector<Operation> operations = {pathQuery(false), pathQuery(true)};
   for (const std::uint32_t size : {0U, 4U, 64U}) {
     operations.push_back(FileRead(size));
     operations.push_back(FileWrite(size, true));
   }
-  for (Operation operation : {FileWrite(4, false),
-                              FileWrite(4, true, true),
-                              FileReadWrite(),
-                              FileInMemory(),
-                              CreateOrRecreate(false),
-                              CreateOrRecreate(true),
-                              GetFileSize(),
-                              AtomicReplace(true, 4, Ending::Commit),
-                              AtomicReplace(false, 0, Ending::Commit),
-                              AtomicReplace(true, 64, Ending::Commit),
-                              AtomicReplace(true, 4, Ending::Cancel),
-                              AtomicReplace(true, 4, Ending::Destroy),
-                              CreateDirectory(false),
-                              CreateDirectory(true),
-                              EmptyDirectory(),
-                              GetDirectorySize(),
-                              StatisticsQuery(false),
-                              StatisticsQuery(true),
-                              RunCmd(false),
-                              FileList(false),
-                              Extract(false),
-                              RunCmd(true),
-                              RunCmd(true, true),
-                              RunCmd(true, false, true),
-                              RunCmdTimesOut(),
-                              FileList(true),
-                              Extract(true)}) {
+  for (Operation operation :
+       {FileWrite(4, false),
+        FileWrite(4, true, true),
+        FileReadWrite(),
+        FileInMemory(),
+        CreateOrRecreate(false),
+        CreateOrRecreate(true),
+        Query("File::GetFileSize",
+              [](const TempDir&dir, Outcome&) {
+                return std::to_string(File::GetFileSize(dir.WriteFile("f", kOriginal)));
+              }),
+        AtomicReplace(true, 4, Ending::Commit),
+        AtomicReplace(false, 0, Ending::Commit),
+        AtomicReplace(true, 64, Ending::Commit),
+        AtomicReplace(true, 4, Ending::Cancel),
+        AtomicReplace(true, 4, Ending::Destroy),
+        CreateDirectory(false),
+        CreateDirectory(true),
+        EmptyDirectory(),
+        GetDirectorySize(),
+        StatisticsQuery(false),
+        StatisticsQuery(true),
+        RunCmd(false),
+        FileList(false),
+        Extract(false),
+        RunCmd(true),
+        RunCmd(true, true),
+        RunCmd(true, false, true),
+        RunCmdTimesOut(),
+        FileList(true),
+        Extract(true)}) {
     operations.push_back(std::move(operation));
   }
   return operations;
@@ -1263,7 +1148,10 @@ std::string RunPoint(const Operation& operation, const Point& point, const Outco
       const bool fired = Fired();
       Reset();
       LoggingOff() = false;
-      Expected expected = operation.expect(point, baseline, dir);
+      Expected expected = FromRows(operation.name, point, baseline, dir);
+      if (operation.expect) {
+        expected = operation.expect(point, baseline, dir, std::move(expected));
+      }
       if (loggingOff) {
         expected.records.clear();
         if (expected.checkDecides) {
@@ -1355,37 +1243,6 @@ bool HarnessSeesFaults() {
   return !RunPoint(leaving, Point{Function::fsync, 1, 1, kFlush, EIO}, Outcome()).empty();
 }
 
-struct Summary {
-  std::string name;
-  std::size_t calls = 0;
-  std::size_t points = 0;
-  std::map<Function, std::size_t> callsByFunction;
-  std::size_t failed = 0;
-};
-
-std::string ErrnoNames(Function function) {
-  std::string names;
-  for (const int error : Errnos(function)) {
-    names += (names.empty() ? "" : ", ") + std::string(strerrorname_np(error));
-  }
-  return names;
-}
-
-void WriteTable(const std::string& file, const std::vector<Summary>& summaries) {
-  std::ofstream out(file);
-  out << "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
-  for (const Summary& summary : summaries) {
-    out << "| " << summary.name << " | " << summary.calls << " | " << summary.points << " | ";
-    bool first = true;
-    for (const auto& [function, count] : summary.callsByFunction) {
-      out << (first ? "" : "; ") << Name(function) << " (" << count << ": " << ErrnoNames(function)
-          << ")";
-      first = false;
-    }
-    out << " |\n";
-  }
-}
-
 int Main(int argc, char** argv) {
   std::string table;
   std::string only;
@@ -1415,15 +1272,14 @@ int Main(int argc, char** argv) {
     return 1;
   }
 
-  std::vector<Summary> summaries;
+  std::ostringstream markdown;
+  markdown << "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
   std::size_t points = 0;
   std::size_t failed = 0;
   for (const Operation& operation : Operations()) {
     if (!only.empty() && operation.name.find(only) == std::string::npos) {
       continue;
     }
-    Summary summary;
-    summary.name = operation.name;
     Outcome baseline;
     std::vector<Call> trace;
     {
@@ -1438,38 +1294,48 @@ int Main(int argc, char** argv) {
                 << ": the run without faults did not succeed: " << baseline.exception << "\n";
       ++failed;
     }
-    summary.calls = trace.size();
+    std::size_t operationPoints = 0;
+    std::size_t operationFailed = 0;
     std::map<Function, long> seen;
     std::map<std::pair<Function, int>, long> seenInPhase;
     for (const Call& call : trace) {
       const long number = ++seen[call.function];
       const long inPhase = ++seenInPhase[{call.function, call.phase}];
-      ++summary.callsByFunction[call.function];
       for (const int error : Errnos(call.function)) {
-        const Point point{call.function, number, inPhase, call.phase, error};
-        const std::string problems = RunPoint(operation, point, baseline);
-        ++summary.points;
+        const std::string problems =
+            RunPoint(operation, Point{call.function, number, inPhase, call.phase, error}, baseline);
+        ++operationPoints;
         if (!problems.empty()) {
-          ++summary.failed;
+          ++operationFailed;
           std::cout << "FAILED " << operation.name << ": " << Name(call.function) << " call "
                     << number << " (phase " << call.phase << ") with " << strerrorname_np(error)
                     << ":" << problems << "\n";
         }
       }
     }
-    if (operation.mustCall != Function::count && summary.callsByFunction[operation.mustCall] == 0) {
+    if (operation.mustCall != Function::count && seen.count(operation.mustCall) == 0) {
       std::cout << "FAILED " << operation.name << ": never called " << Name(operation.mustCall)
                 << "\n";
-      ++summary.failed;
+      ++operationFailed;
     }
-    std::cout << operation.name << ": " << summary.calls << " calls, " << summary.points
-              << " points, " << summary.failed << " failed\n";
-    points += summary.points;
-    failed += summary.failed;
-    summaries.push_back(summary);
+    std::cout << operation.name << ": " << trace.size() << " calls, " << operationPoints
+              << " points, " << operationFailed << " failed\n";
+    markdown << "| " << operation.name << " | " << trace.size() << " | " << operationPoints << " |";
+    const char* separator = " ";
+    for (const auto& [function, count] : seen) {
+      markdown << separator << Name(function) << " (" << count << ":";
+      for (std::size_t i = 0; i < Errnos(function).size(); ++i) {
+        markdown << (i == 0 ? " " : ", ") << strerrorname_np(Errnos(function)[i]);
+      }
+      markdown << ")";
+      separator = "; ";
+    }
+    markdown << " |\n";
+    points += operationPoints;
+    failed += operationFailed;
   }
   if (!table.empty()) {
-    WriteTable(table, summaries);
+    std::ofstream(table) << markdown.str();
   }
   std::cout << "fault sweep: " << points << " points, " << failed << " failed\n";
   return failed == 0 && points > 0 ? 0 : 1;
