@@ -60,7 +60,7 @@ struct StartReport {
   int error;
 };
 constexpr const char* kStepCalls[] = {nullptr, "clone", "dup3", "execvp"};
-enum Step : int { kRunning = 0, kClone = 1, kRedirect = 2, kExecute = 3 };
+enum Step : int { Running = 0, Clone = 1, Redirect = 2, Execute = 3 };
 
 struct ProgramLaunch {
   const GuardedChild::Launch* launch;
@@ -99,13 +99,13 @@ DRN_CHILD_CODE int RunProgram(void* argument) {
     const long result = from == target ? ::syscall(SYS_fcntl, target, F_SETFD, 0)
                                        : ::syscall(SYS_dup3, from, target, 0);
     if (result < 0) {
-      programLaunch.failure = {kRedirect, errno};
+      programLaunch.failure = {Redirect, errno};
       ExitGroup(kCouldNotRun);
     }
   }
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &launch.callerMask, nullptr, kKernelSigsetSize);
   ::execvp(launch.program, launch.argv);
-  programLaunch.failure = {kExecute, errno};
+  programLaunch.failure = {Execute, errno};
   ExitGroup(kCouldNotRun);
 }
 
@@ -139,11 +139,11 @@ DRN_CHILD_CODE int RunIntermediate(void* argument) {
   DieWithParent(launch.callerPid);
   ResetSignalHandlers();
   ::syscall(SYS_close, launch.callerEnd);
-  ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid), {kRunning, 0}};
+  ProgramLaunch programLaunch{&launch, ::syscall(SYS_getpid), {Running, 0}};
   const long program =
       __clone(RunProgram, launch.programStack, CLONE_VM | CLONE_VFORK | SIGCHLD, &programLaunch);
   if (program < 0) {
-    const StartReport failed{kClone, errno};
+    const StartReport failed{Clone, errno};
     ::syscall(SYS_write, launch.reportFd, &failed, sizeof failed);
     ExitGroup(kCouldNotRun);
   }
@@ -256,21 +256,21 @@ std::unique_ptr<GuardedChild> GuardedChild::Start(const char* program, char* con
     // could not be made, end of file when the intermediate ended without a word. A read that
     // fails would leave the report to be taken for the program's status, so the program is
     // given up instead.
-    StartReport started{kRunning, 0};
+    StartReport started{Running, 0};
     const ssize_t count =
         RetryOnEintr([&] { return ::read(child->report.Get(), &started, sizeof started); });
     const bool whole = count == static_cast<ssize_t>(sizeof started) && started.step >= 0 &&
-                       started.step <= kExecute;
+                       started.step <= Execute;
     if (count < 0) {
       error = errno;
       call = "read";
       child->Kill();
-    } else if (whole && started.step == kClone) {
+    } else if (whole && started.step == Clone) {
       // The intermediate ends at once, having nothing to wait for.
       error = started.error;
       RetryOnEintr([&] { return ::waitpid(child->intermediate, nullptr, __WALL); });
       child->intermediate = -1;
-    } else if (whole && started.step != kRunning) {
+    } else if (whole && started.step != Running) {
       child->programFailure = {kStepCalls[started.step], started.error};
     }
   }
