@@ -1,6 +1,7 @@
 // Makes large enough allocations of the calling thread fail with std::bad_alloc while it lives,
 // to drive code down its exception paths. Defines the program's replaceable operator new and
-// delete (over malloc and free): include it in one source file of a program only.
+// delete (over malloc and free): include it in one source file of a program only. The array
+// forms are the library's, which call these; under a sanitizer or valgrind the tool's own pair.
 #pragma once
 
 #include <cstddef>
@@ -33,19 +34,10 @@ void* operator new(std::size_t bytes) {
   }
   return memory;
 }
-void* operator new[](std::size_t bytes) {
-  return operator new(bytes);
-}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 // NOLINTEND(cppcoreguidelines-no-malloc)

@@ -1,28 +1,19 @@
-// The library on real file systems that fill up: a card that fills while a File writes, and tar
-// extraction out of inodes.
+// The library on a real file system that fills up: a card that fills while a File writes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
 
 #include "FileTestSupport.h"
 #include "ScratchFileSystem.h"
-#include "Untar.h"
 
 namespace drn {
 namespace {
 
 using ::testing::Contains;
 using namespace drn::testing;
-
-#define SKIP_UNLESS_MOUNTED(fileSystem)     \
-  if (!(fileSystem).Failure().empty()) {    \
-    GTEST_SKIP() << (fileSystem).Failure(); \
-  }
 
 // A File with no, a small and a 3000-byte put area (which sees a write cut short by the full
 // card) writes to a 64 KiB tmpfs card with 8 KiB left. Every byte the stream accepted reaches
@@ -33,7 +24,9 @@ class CardTest : public ::testing::TestWithParam<std::uint32_t> {};
 TEST_P(CardTest, AcceptedBytesReachTheFileOnceSpaceIsFreed) {
   const TempDir dir;
   const ScratchFileSystem card{dir / "card", "size=64k"};
-  SKIP_UNLESS_MOUNTED(card);
+  if (!card.Failure().empty()) {
+    GTEST_SKIP() << card.Failure();
+  }
   File::CreateFile(card / "data");
   std::ofstream(card / "filler", std::ios::binary) << std::string(56 * 1024, 'f');
   const LogCapture log;
@@ -54,39 +47,6 @@ TEST_P(CardTest, AcceptedBytesReachTheFileOnceSpaceIsFreed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(NoSmallAndLargePutArea, CardTest, ::testing::Values(0U, 16U, 3000U));
-
-// Out of inodes, tar's failure is the result, with the runner's record and tar's complaint;
-// nothing outside the destination is touched and no child or descriptor is left.
-TEST(ExtractionExhaustionTest, FailsWithTarsStatusAndTouchesNothingElse) {
-  const TempDir dir;
-  for (int i = 0; i < 20; ++i) {
-    dir.WriteFile("src/file" + std::to_string(i), "x");
-  }
-  const std::string archive = dir / "archive.tar";
-  ASSERT_EQ(std::system(("tar -cf " + archive + " -C " + dir / "src" + " .").c_str()), 0);
-  const ScratchFileSystem card(dir / "card", "size=1m,nr_inodes=8");
-  SKIP_UNLESS_MOUNTED(card);
-  dir.WriteFile("card/beside/kept", "kept");
-  const std::string destination = dir.MakeDir("card/destination");
-  const auto before = ListTree(dir.Path());
-  const int descriptors = CountOpenDescriptors();
-  const LogCapture log;
-  EXPECT_EQ(
-      Untar(std::make_shared<Path>(archive), nullptr).Extract(std::make_shared<Path>(destination)),
-      2);
-  EXPECT_THAT(Described(log.Records()),
-              ::testing::ElementsAre(
-                  ::testing::AllOf(::testing::StartsWith("RunCmd 3/0x8027: tar returned 2,\n"),
-                                   ::testing::HasSubstr("Cannot open: No space left on device"))));
-  for (const std::string& entry : ListTree(dir.Path())) {
-    if (entry.rfind("card/destination/", 0) != 0) {
-      EXPECT_THAT(before, Contains(entry));
-    }
-  }
-  EXPECT_EQ(ReadWholeFile(dir / "card/beside/kept"), "kept");
-  EXPECT_EQ(CountOpenDescriptors(), descriptors);
-  EXPECT_FALSE(HasChildProcesses());
-}
 
 }  // namespace
 }  // namespace drn

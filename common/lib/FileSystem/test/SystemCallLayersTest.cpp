@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,7 +20,6 @@ namespace drn {
 namespace {
 
 // What the calls fill in or read; the tables compare results and errno only.
-char text[] = "text";
 char buffer[64];
 char program[] = "/nonexistent/program";
 char* const arguments[] = {program, nullptr};
@@ -39,10 +37,9 @@ timespec noTime;
 __u8 bytes[4];
 struct sysinfo systemInformation;
 const testing::TempDir scratch;
-// stat fails on it, lstat and readlink succeed.
+// A link to nothing: readlink succeeds on it.
 const std::string kDangling =
     ::symlink("missing", (scratch / "dangling").c_str()) == 0 ? scratch / "dangling" : "";
-const std::string kLongName(300, 'n');  // too long for memfd_create
 constexpr const char* kMissing = "/nonexistent/entry";
 constexpr const char* kQueue = "/drx-test-no-such-queue";
 
@@ -54,22 +51,17 @@ TEST_P(LinuxApiCallTest, SameResultAndErrnoAsTheCLibrary) {
 }
 
 // Calls whose failure (or harmless success) tells the right C function, argument order included.
+// The calls the library makes itself are left to the tests of what it does with them.
 #define SAME(call) DRN_SAME_CALL(LinuxApiIF, call)
 INSTANTIATE_TEST_SUITE_P(
     Calls, LinuxApiCallTest,
     ::testing::Values(
-        SAME(open(kMissing, O_RDONLY)), SAME(open(kMissing, O_RDWR | O_CREAT, 0600)),
-        SAME(access(kMissing, F_OK)), SAME(chmod(kMissing, 0600u)),
-        SAME(opendir(kDangling.c_str())), SAME(syscall(SYS_memfd_create, kLongName.c_str(), 0u)),
-        SAME(write(-1, text, 1ul)), SAME(read(-1, buffer, 1ul)), SAME(fsync(-1)), SAME(syncfs(-1)),
-        SAME(close(-1)), SAME(lseek(-1, 0L, SEEK_SET)), SAME(ioctl(-1, 0ul, &handleRequest)),
-        SAME(ioctl(-1, 0ul, &handleData)), SAME(ioctl(-1, 0ul, buffer)),
-        SAME(stat(kDangling.c_str(), &statRecord)), SAME(lstat(kDangling.c_str(), &statRecord)),
-        SAME(remove(kMissing)), SAME(readlink(kDangling.c_str(), buffer, sizeof buffer)),
+        SAME(chmod(kMissing, 0600u)), SAME(ioctl(-1, 0ul, &handleRequest)),
+        SAME(ioctl(-1, 0ul, &handleData)), SAME(readlink(kDangling.c_str(), buffer, sizeof buffer)),
         SAME(system(nullptr)), SAME(popen("true", "x")), SAME(fgets(buffer, 0, stdin)),
-        SAME(setenv("", "x", 1)), SAME(unsetenv("")), SAME(rename(kMissing, text)),
-        SAME(execvp(program, arguments)), SAME(waitpid(999999, &statusWord, WNOHANG)),
-        SAME(kill(999999, 0)), SAME(mkdir(kMissing, 0700u)), SAME(tcgetattr(-1, &attributes)),
+        SAME(setenv("", "x", 1)), SAME(unsetenv("")), SAME(execvp(program, arguments)),
+        SAME(waitpid(999999, &statusWord, WNOHANG)), SAME(kill(999999, 0)),
+        SAME(mkdir(kMissing, 0700u)), SAME(tcgetattr(-1, &attributes)),
         SAME(tcsetattr(-1, TCSANOW, &attributes)), SAME(cfsetispeed(&attributes, 12345u)),
         SAME(cfsetospeed(&attributes, 12345u)), SAME(poll(nullptr, 0ul, 0)),
         SAME(mmap(nullptr, 4096ul, PROT_READ, MAP_SHARED, -1, 0L)), SAME(tcflush(-1, TCIFLUSH))));
@@ -112,16 +104,12 @@ INSTANTIATE_TEST_SUITE_P(
         SAME(gethostname(buffer, 0)), SAME(sysinfo(&systemInformation))));
 #undef SAME
 
-// Calls that need a real object on both sides, or a child process.
+// Calls that need a real object, or a child process.
 TEST(LinuxApiTest, CallsWorkOnRealObjects) {
   LinuxApi api;
   int pipeFds[2];
   ASSERT_EQ(api.pipe(pipeFds), 0);
   EXPECT_EQ(api.close(pipeFds[0]) + api.close(pipeFds[1]), 0);
-  DIR* dir = api.opendir(scratch.Path().c_str());
-  ASSERT_NE(dir, nullptr);
-  EXPECT_NE(api.readdir(dir), nullptr);
-  EXPECT_EQ(api.closedir(dir), 0);
   EXPECT_EQ(api.pclose(api.popen("exit 3", "r")), 3 << 8);
   const testing::ScopedEnvironmentVariable zone("TZ", "UTC-3");
   api.tzset();
