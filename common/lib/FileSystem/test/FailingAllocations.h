@@ -1,7 +1,6 @@
 // Makes large enough allocations of the calling thread fail with std::bad_alloc while it lives,
 // to drive code down its exception paths. Defines the program's replaceable operator new and
-// delete (over malloc and free): include it in one source file of a program only. The array
-// forms are the library's, which call these; under a sanitizer or valgrind the tool's own pair.
+// delete (over malloc and free): include it in one source file of a program only.
 #pragma once
 
 #include <cstddef>
@@ -34,10 +33,20 @@ void* operator new(std::size_t bytes) {
   }
   return memory;
 }
+// The array forms too: a sanitizer's own would neither fail nor pair with these.
+void* operator new[](std::size_t bytes) {
+  return operator new(bytes);
+}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
 void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 // NOLINTEND(cppcoreguidelines-no-malloc)
