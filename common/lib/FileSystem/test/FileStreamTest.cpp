@@ -1,58 +1,107 @@
-// File as a stream: round trips against the bytes in the file, system-call counts, failures.
+// File: option checks, in-memory files, round trips against the bytes in the file, moves, the
+// operations the stream buffer only partly implements, a real card that fills while a File
+// writes, and values that do not fit.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <locale>
 #include <memory>
+#include <stdexcept>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "FileTestSupport.h"
 #include "ForwardingLinuxApi.h"
+#include "ScratchFileSystem.h"
 
 namespace drn {
 namespace {
 
-using ::testing::_;
-using ::testing::DoDefault;
+using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::Mock;
 using namespace drn::testing;
 
-// A File on a real file "f" in a fresh directory, whose calls go through a forwarding mock.
-class FileStreamTest : public ::testing::Test {
- protected:
-  File OpenFile(const std::string& content, const File::Options& options) {
-    return Open(dir.WriteFile("f", content), options, std::move(api));
-  }
+// Arguments refused before anything is opened; failures of the open itself are the fault sweep's.
+struct OpenFailureCase {
+  const char* path;  // "" for none
+  bool openForRead, openForWrite;
+  const char* message;
+  const char* logText;  // "" when it is the message
+};
 
-  const TempDir dir;
-  std::unique_ptr<::testing::NiceMock<MockLinuxApi>> api = MakeForwardingMock();
-  MockLinuxApi& calls = *api;
+// By path: printing the bytes would read the padding, which valgrind reports as uninitialised.
+void PrintTo(const OpenFailureCase& value, std::ostream* os) {
+  *os << '"' << value.path << "\" " << value.openForRead << value.openForWrite;
+}
+
+class FileOpenFailureTest : public ::testing::TestWithParam<OpenFailureCase> {};
+
+TEST_P(FileOpenFailureTest, ThrowsAndLogsWithoutOpeningAnything) {
+  const OpenFailureCase& c = GetParam();
+  const Path path(c.path);
+  File::Options options = Buffers(8, 8, c.openForRead, c.openForWrite);
+  options.path = *c.path != '\0' ? &path : nullptr;
   const LogCapture capture;
-};
+  EXPECT_THAT([&] { File file(options, std::make_unique<::testing::StrictMock<MockLinuxApi>>()); },
+              ::testing::ThrowsMessage<std::invalid_argument>(::testing::StrEq(c.message)));
+  EXPECT_THAT(Described(capture.Records()),
+              ElementsAre(std::string("Impl 3/0x8010: ") + (*c.logText ? c.logText : c.message)));
+}
 
-struct BufferSizes {
-  std::uint32_t read, write;
-};
+INSTANTIATE_TEST_SUITE_P(
+    Rows, FileOpenFailureTest,
+    ::testing::Values(OpenFailureCase{"", true, true, "No path specified in non memory call", ""},
+                      // A missing path is reported before the missing access mode.
+                      OpenFailureCase{"/nonexistent", false, false, "could not open specified path",
+                                      "Tried to open \"/nonexistent\" but it didn't exist"},
+                      OpenFailureCase{"/", true, false, "could not open specified path (directory)",
+                                      "Tried to open \"/\" but it was a directory"},
+                      OpenFailureCase{"/proc/self/status", false, false,
+                                      "openForRead or openForWrite must be true",
+                                      "must open file for reading or writing"}));
 
-class FileRoundTripTest : public FileStreamTest,
-                          public ::testing::WithParamInterface<BufferSizes> {};
+// Named after the path, or nothing, as /proc shows it; not closed on exec.
+TEST(FileOpenTest, InMemoryFileIsNamedAfterThePathAndReadableWithoutAccessFlags) {
+  const Path name("scratch");
+  for (const PathIF* path : std::initializer_list<const PathIF*>{nullptr, &name}) {
+    File file({path, true, 16, 16, false, false});
+    const std::string fd = "/proc/self/fd/" + std::to_string(file.GetFD());
+    EXPECT_EQ(std::filesystem::read_symlink(fd),
+              path ? "/memfd:scratch (deleted)" : "/memfd: (deleted)");
+    EXPECT_EQ(::fcntl(file.GetFD(), F_GETFD), 0);
+    std::string word;
+    file << "hello" << std::flush;
+    file >> word;
+    EXPECT_EQ(word, "hello");
+    EXPECT_EQ(file.getloc(), std::locale());  // one getloc, not two ambiguous ones
+  }
+}
+
+// Get and put area sizes: none (every character at once), one, odd sizes, and large.
+class FileRoundTripTest : public ::testing::TestWithParam<std::pair<std::uint32_t, std::uint32_t>> {
+};
 
 TEST_P(FileRoundTripTest, StreamOperationsMatchTheBytesInTheFile) {
-  File file = OpenFile("", Buffers(GetParam().read, GetParam().write));
+  const TempDir dir;
+  const std::string name = dir.WriteFile("f", "");
+  File file = Open(name, Buffers(GetParam().first, GetParam().second));
+  EXPECT_TRUE((file << std::flush).bad());  // nothing to refill a readable file with
+  file.clear();
   const std::string block = Pattern(100);
   file << "alpha " << 42 << '\n';
   file.write(block.data(), static_cast<std::streamsize>(block.size()));
   file << "last line" << std::endl;
   std::string expected = "alpha 42\n" + block + "last line\n";
-  EXPECT_EQ(Contents(file), expected);
+  EXPECT_EQ(ReadWholeFile(name), expected);
   file.seekp(6);
   file << "97" << std::flush;
-  EXPECT_EQ(Contents(file), expected.replace(6, 2, "97"));
-
+  EXPECT_EQ(ReadWholeFile(name), expected.replace(6, 2, "97"));
+  EXPECT_EQ(file.get(), 'a');  // a flush refills the get area from its first byte
   std::string word;
   int number = 0;
   std::string readBack(100, '\0');
@@ -62,144 +111,108 @@ TEST_P(FileRoundTripTest, StreamOperationsMatchTheBytesInTheFile) {
   EXPECT_EQ(word + ' ' + std::to_string(number) + readBack, "alpha 97" + block);
   std::getline(file, word);
   EXPECT_EQ(word, "last line");
-  EXPECT_TRUE(file.good());
   EXPECT_EQ(file.get(), EOF);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, FileRoundTripTest,
-                         ::testing::Values(BufferSizes{0, 0}, BufferSizes{1, 1}, BufferSizes{7, 5},
-                                           BufferSizes{65536, 65536}),
-                         [](const auto& info) {
-                           return "Read" + std::to_string(info.param.read) + "Write" +
-                                  std::to_string(info.param.write);
-                         });
+INSTANTIATE_TEST_SUITE_P(Areas, FileRoundTripTest,
+                         ::testing::Values(std::pair(0U, 0U), std::pair(1U, 1U), std::pair(7U, 5U),
+                                           std::pair(65536U, 65536U)));
 
-// A class derived from File is refilled through its own underflow, also from a flush.
-class CountingFile : public File {
- public:
-  using File::File;
-  int refills = 0;
-
- protected:
-  int underflow() override {
-    ++refills;
-    return File::underflow();
-  }
-};
-
-TEST_F(FileStreamTest, FlushWritesThenRefillsTheWholeGetAreaFromItsFirstByte) {
-  File::Options options = Buffers(64, 64);
-  options.inMemory = true;
-  CountingFile file(options);
-  EXPECT_TRUE((file << std::flush).bad());  // nothing to refill a readable file with
-  file.clear();
-  file << "abcdef" << std::flush;
-  EXPECT_EQ(file.get(), 'a');
-  // Both sides: the write side moves.
-  EXPECT_EQ(file.pubseekpos(2, std::ios_base::in | std::ios_base::out), std::streampos(2));
-  file << "XY";
-  EXPECT_EQ(file.get(), 'b');
-  const int refills = file.refills;
-  file << std::flush;
-  EXPECT_EQ(file.refills, refills + 1);
-  std::string all(6, '\0');
-  file.read(all.data(), 6);
-  EXPECT_EQ(all, "abXYef");
-}
-
-// No call until the area is full, then one flush on the next character; block output that then
-// cannot be written answers how much it took.
-TEST_F(FileStreamTest, FullPutAreaFlushesOnceOnTheNextCharacter) {
-  File file = OpenFile("", Buffers(4, 4));
-  ::testing::MockFunction<void()> areaFull;
+// The moved-to File must not reach the moved-from one, even when that goes first; the descriptor
+// is closed once.
+TEST(FileMoveTest, MovedToFileKeepsDescriptorAndPendingOutput) {
+  const TempDir dir;
+  const std::string name = dir.WriteFile("f", "..........");
+  auto api = MakeForwardingMock();
+  EXPECT_CALL(*api, DoClose);
+  const Path path(name);
+  auto from =
+      std::make_unique<File>(File::Options{&path, false, 64, 4, true, true}, std::move(api));
+  const int fd = from->GetFD();
+  *from << "pending";
   {
-    const ::testing::InSequence inOrder;
-    EXPECT_CALL(areaFull, Call());
-    EXPECT_CALL(calls, DoLSeek(file.GetFD(), 0, SEEK_SET));
-    EXPECT_CALL(calls, DoWrite(file.GetFD(), _, 4));
-    EXPECT_CALL(calls, DoSyncFs(file.GetFD()));
+    File to(std::move(*from));
+    from.reset();
+    EXPECT_EQ(to.GetFD(), fd);
+    EXPECT_EQ(to.rdbuf(), nullptr);  // not a usable stream
   }
-  file << "ab" << 'c' << "d";
-  areaFull.Call();
-  file << 'e';
-  Mock::VerifyAndClearExpectations(&calls);
-  EXPECT_EQ(Contents(file), "abcd");
-  ON_CALL(calls, DoWrite).WillByDefault(Fail(EIO, -1L));
-  EXPECT_EQ(file.sputn("fghijk", 6), 3);  // "fgh" fill the area; 'i' cannot make room
-  EXPECT_EQ(Contents(file), "abcd");
+  EXPECT_EQ(ReadWholeFile(name), "pending...");
 }
 
-TEST_F(FileStreamTest, LargeGetAreaCostsOneReadPerFillAndOneAtTheEnd) {
-  constexpr std::uint32_t kArea = 64 * 1024;
-  const std::string content = Pattern(3 * kArea);
-  EXPECT_CALL(calls, DoRead(_, _, kArea)).Times(4);
-  EXPECT_CALL(calls, DoLSeek).Times(4 + 1);  // one per fill, one for the closing flush
-  File file = OpenFile(content, Buffers(kArea, 0, true, false));
-  std::string got;
-  char chunk[1000];
-  while (file.read(chunk, sizeof chunk) || file.gcount() > 0) {
-    got.append(chunk, static_cast<std::size_t>(file.gcount()));
-  }
-  EXPECT_EQ(got, content);
-}
-
-TEST_F(FileStreamTest, SeekInsideTheLoadedGetAreaMakesNoCall) {
-  File file = OpenFile("0123456789", Buffers(4, 0, true, false));
-  EXPECT_EQ(file.get(), '0');
-  ::testing::MockFunction<void()> leaving;
-  const ::testing::InSequence inOrder;
-  EXPECT_CALL(leaving, Call());
-  EXPECT_CALL(calls, DoLSeek(_, 0, SEEK_SET));
-  EXPECT_CALL(calls, DoLSeek(_, 8, SEEK_SET));
-  EXPECT_EQ(file.seekg(3).get(), '3');
-  EXPECT_EQ(file.seekg(1).get(), '1');
-  leaving.Call();
-  // The area's first byte, like anything outside it, is read again from the file.
-  EXPECT_EQ(file.seekg(0).get(), '0');
-  EXPECT_EQ(file.seekg(8).get(), '8');
-  Mock::VerifyAndClearExpectations(&calls);
-}
-
-TEST_F(FileStreamTest, FlushFailingPartWayKeepsOnlyTheUnwrittenTail) {
-  EXPECT_CALL(calls, DoWrite)
-      .WillOnce([](int fd, const void* buffer, unsigned long) { return ::write(fd, buffer, 3); })
-      .WillOnce(Fail(EIO, -1L))
-      .WillOnce(Fail(EIO, 0L))
-      .WillRepeatedly(DoDefault());
-  File file = OpenFile("", Buffers(16, 16, false, true));
-  EXPECT_TRUE((file << "0123456789" << std::flush).bad());
-  EXPECT_EQ(Contents(file), "012");
-  file.clear();
-  EXPECT_TRUE((file << std::flush).bad());
-  file.clear();
-  EXPECT_TRUE((file << "ab" << std::flush).good());
-  EXPECT_EQ(Contents(file), "0123456789ab");
-  EXPECT_THAT(capture.Records(),
-              ElementsAre(FileRecord("Write", LogLevel::Error, "failed on write with ", EIO)));
-}
-
-// Operations the stream buffer only partly implements answer sensibly and say so.
-TEST_F(FileStreamTest, PartlyImplementedOperationsAnswerAndLog) {
-  File file = OpenFile("0123456789", Buffers(4, 0, true, false));
+// Seeks inside the loaded get area make no call; the operations the stream buffer only partly
+// implements answer sensibly and say so.
+TEST(FileReadTest, SeeksInsideTheGetAreaAndPartlyImplementedOperations) {
+  const TempDir dir;
+  auto api = MakeForwardingMock();
+  MockLinuxApi& calls = *api;
+  File file = Open(dir.WriteFile("f", "0123456789"), Buffers(4, 0, true, false), std::move(api));
+  const LogCapture capture;
   EXPECT_EQ(file.tellg(), -1);
   EXPECT_TRUE(file.seekg(1, std::ios_base::beg).fail());
   file.clear();
   EXPECT_EQ(file.in_avail(), 0);
   EXPECT_EQ(file.get(), '0');
+  EXPECT_CALL(calls, DoLSeek).Times(0);
+  EXPECT_EQ(file.seekg(3).get(), '3');
+  EXPECT_EQ(file.seekg(1).get(), '1');
+  ::testing::Mock::VerifyAndClearExpectations(&calls);
   char got[10] = {};
   EXPECT_EQ(file.sgetn(got, -1), 0);
-  EXPECT_EQ(file.sgetn(got, 10), 9);  // the rest of the area, then one refill per character
-  EXPECT_EQ(std::string(got, 9), "123456789");
-  const auto seekoff =
-      FileRecord("seekoff", LogLevel::Error, "Call to unimplemented method seekoff");
-  const auto uflow = FileRecord("uflow", LogLevel::Debug, "uflow not implemented");
-  EXPECT_THAT(
-      capture.Records(),
-      ElementsAre(seekoff, seekoff,
-                  FileRecord("showmanyc", LogLevel::Debug, "showmanyc not implemented"), uflow,
-                  FileRecord("xsgetn", LogLevel::Warning, "xsgetn called with negative count size"),
-                  FileRecord("xsgetn", LogLevel::Error, "xsgetn multi buffer read not implemented"),
-                  uflow, uflow, uflow));
+  EXPECT_EQ(file.sgetn(got, 10), 8);  // the rest of the area, then one refill per character
+  EXPECT_EQ(std::string(got, 8), "23456789");
+  const std::string seekoff = "seekoff 3/0x8010: Call to unimplemented method seekoff";
+  const std::string uflow = "uflow 7/0x8010: uflow not implemented";
+  EXPECT_THAT(Described(capture.Records()),
+              ElementsAre(seekoff, seekoff, "showmanyc 7/0x8010: showmanyc not implemented", uflow,
+                          "xsgetn 4/0x8010: xsgetn called with negative count size",
+                          "xsgetn 3/0x8010: xsgetn multi buffer read not implemented", uflow, uflow,
+                          uflow));
+}
+
+// A File with no, a small and a 3000-byte put area (which sees a write cut short by the full
+// card) writes to a 64 KiB tmpfs card with 8 KiB left. Every byte the stream accepted reaches
+// the file exactly once after space is freed and the stream is flushed again; what it did not
+// accept never does.
+class CardTest : public ::testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(CardTest, AcceptedBytesReachTheFileOnceSpaceIsFreed) {
+  const TempDir dir;
+  const ScratchFileSystem card{dir / "card", "size=64k"};
+  if (!card.Failure().empty()) {  // mounting needs root
+    GTEST_SKIP() << card.Failure();
+  }
+  File::CreateFile(card / "data");
+  std::ofstream(card / "filler", std::ios::binary) << std::string(56 * 1024, 'f');
+  const LogCapture log;
+  const std::string data = Pattern(12000);
+  std::streamsize accepted = 0;
+  {
+    File file = Open(card / "data", Buffers(0, GetParam(), false, true));
+    accepted = static_cast<std::streambuf&>(file).sputn(data.data(), 12000);
+    ASSERT_LT(accepted, 12000);
+    EXPECT_GE(accepted, 8192);
+    EXPECT_THAT(Described(log.Records()),
+                Contains("Write 3/0x8010: failed on write with No space left on device"));
+    std::filesystem::remove(card / "filler");
+    file.clear();
+    EXPECT_TRUE(file.flush().good());
+  }
+  EXPECT_EQ(ReadWholeFile(card / "data"), data.substr(0, static_cast<std::size_t>(accepted)));
+}
+
+INSTANTIATE_TEST_SUITE_P(NoSmallAndLargePutArea, CardTest, ::testing::Values(0U, 16U, 3000U));
+
+TEST(FileDeathTest, ValuesThatDoNotFitEndTheProcess) {
+  const auto openWithHugeDescriptor = [] {
+    auto api = std::make_unique<::testing::NiceMock<MockLinuxApi>>();
+    ON_CALL(*api, DoSysCall).WillByDefault(::testing::Return(1L << 40));
+    Open("", Buffers(1, 1), std::move(api));
+  };
+  EXPECT_DEATH(openWithHugeDescriptor(), "narrowing_error");
+  File file = Open("", Buffers(1, 1));
+  const char block[1] = {};
+  // The count is checked before a single character is taken.
+  EXPECT_DEATH(file.sputn(block, std::streamsize{1} << 31), "narrowing_error");
 }
 
 }  // namespace

@@ -1,10 +1,8 @@
-// Shared by the File tests: opening on a path or in memory, and the shape of File's records.
+// Shared by the File tests: buffer options, opening on a path or in memory, and test bytes.
 #pragma once
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -18,12 +16,7 @@ namespace drn::testing {
 
 inline File::Options Buffers(std::uint32_t readBufferSize, std::uint32_t writeBufferSize,
                              bool openForRead = true, bool openForWrite = true) {
-  File::Options options;
-  options.readBufferSize = readBufferSize;
-  options.writeBufferSize = writeBufferSize;
-  options.openForRead = openForRead;
-  options.openForWrite = openForWrite;
-  return options;
+  return {nullptr, false, writeBufferSize, readBufferSize, openForRead, openForWrite};
 }
 
 // Opens path, or a new in-memory file when path is empty.
@@ -35,11 +28,6 @@ inline File Open(const std::string& path, File::Options options,
   return File(options, std::move(api));
 }
 
-// What the file behind the File's descriptor holds now (in memory or on disk).
-inline std::string Contents(File& file) {
-  return ReadWholeFile("/proc/self/fd/" + std::to_string(file.GetFD()));
-}
-
 // n bytes whose period (251) never lines up with a buffer size; '\0' and '\n' included.
 inline std::string Pattern(std::size_t n) {
   std::string bytes(n, '\0');
@@ -47,22 +35,6 @@ inline std::string Pattern(std::size_t n) {
     bytes[i] = static_cast<char>(i % 251);
   }
   return bytes;
-}
-
-// An action for a failing call: sets errno, returns result.
-template <typename Result>
-auto Fail(int error, Result result) {
-  return [error, result](auto&&...) {
-    errno = error;
-    return result;
-  };
-}
-
-// A record of File's source, in category 0x8010; a non-zero error appends its strerror text.
-inline ::testing::Matcher<const LogRecord&> FileRecord(const std::string& function, LogLevel level,
-                                                       const std::string& text, int error = 0) {
-  return IsRecord("common/lib/FileSystem/src/File.cpp", function, level, LogCategory::FileSystem,
-                  error == 0 ? text : text + std::strerror(error));
 }
 
 }  // namespace drn::testing

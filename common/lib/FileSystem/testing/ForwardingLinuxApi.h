@@ -16,23 +16,13 @@ inline std::unique_ptr<::testing::NiceMock<MockLinuxApi>> MakeForwardingMock() {
   using ::testing::_;
   auto mock = std::make_unique<::testing::NiceMock<MockLinuxApi>>();
   const std::shared_ptr<LinuxApiIF> real = std::make_shared<LinuxApi>();
-  ON_CALL(*mock, DoOpen(_, _)).WillByDefault([real](const char* path, int flags) {
-    return real->open(path, flags);
-  });
-  ON_CALL(*mock, DoSysCall).WillByDefault([real](long number, const char* text, unsigned value) {
-    return real->syscall(number, text, value);
-  });
-  ON_CALL(*mock, DoRead).WillByDefault([real](int fd, void* buffer, unsigned long count) {
-    return real->read(fd, buffer, count);
-  });
-  ON_CALL(*mock, DoWrite).WillByDefault([real](int fd, const void* buffer, unsigned long count) {
-    return real->write(fd, buffer, count);
-  });
-  ON_CALL(*mock, DoLSeek).WillByDefault([real](int fd, long offset, int whence) {
-    return real->lseek(fd, offset, whence);
-  });
-  ON_CALL(*mock, DoSyncFs).WillByDefault([real](int fd) { return real->syncfs(fd); });
-  ON_CALL(*mock, DoClose).WillByDefault([real](int fd) { return real->close(fd); });
+  ON_CALL(*mock, DoOpen(_, _)).WillByDefault([real](auto... a) { return real->open(a...); });
+  ON_CALL(*mock, DoSysCall).WillByDefault([real](auto... a) { return real->syscall(a...); });
+  ON_CALL(*mock, DoRead).WillByDefault([real](auto... a) { return real->read(a...); });
+  ON_CALL(*mock, DoWrite).WillByDefault([real](auto... a) { return real->write(a...); });
+  ON_CALL(*mock, DoLSeek).WillByDefault([real](auto... a) { return real->lseek(a...); });
+  ON_CALL(*mock, DoSyncFs).WillByDefault([real](auto... a) { return real->syncfs(a...); });
+  ON_CALL(*mock, DoClose).WillByDefault([real](auto... a) { return real->close(a...); });
   return mock;
 }
 
