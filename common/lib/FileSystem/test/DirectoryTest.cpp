@@ -1,5 +1,5 @@
-// Directory: creating and emptying real directories, the commands that do it, hostile names, the
-// tree walk, and the storage-usage queries against the real file system and a scripted statfs.
+// Directory: the tree walk, the storage queries against the real file system and a scripted
+// statfs, and the commands that create and empty a directory, under hostile names too.
 #include "Directory.h"
 
 #include <gmock/gmock.h>
@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,7 +27,6 @@
 namespace drn {
 namespace {
 
-using testing::ListTree;
 using testing::LogCapture;
 using testing::TempDir;
 using Entries = std::vector<std::string>;
@@ -37,7 +37,8 @@ Directory On(const std::string& text,
 }
 
 // Files at three depths, dot-named files and directories, an empty directory, and links to a
-// large file and to a directory outside: the links must be neither counted nor followed.
+// large file and to a directory outside: the links are neither counted nor followed, and a
+// subtree the caller may not read counts 0 while the rest still adds up.
 TEST(DirectorySizeTest, SumsTheRegularFilesBelow) {
   const TempDir tree;
   if (testing::OnFat(tree.Path())) {
@@ -45,15 +46,13 @@ TEST(DirectorySizeTest, SumsTheRegularFilesBelow) {
   }
   const TempDir outside;
   tree.WriteFile("top", std::string(100, 'a'));
-  tree.WriteFile("one/file", std::string(20, 'b'));
-  tree.WriteFile("one/two/three/deep", std::string(3, 'c'));
-  tree.WriteFile(".hidden", std::string(4000, 'd'));
-  tree.WriteFile(".dotdir/..y", std::string(50000, 'e'));
+  tree.WriteFile("one/two/three/deep", std::string(20, 'c'));
+  tree.WriteFile(".dotdir/..y", std::string(4000, 'e'));
   const std::string empty = tree.MakeDir("one/empty");
-  const std::string large = outside.WriteFile("large", std::string(1 << 20, 'z'));
-  std::filesystem::create_symlink(large, tree / "linkToLarge");
+  std::filesystem::create_symlink(outside.WriteFile("large", std::string(1 << 20, 'z')),
+                                  tree / "linkToLarge");
   std::filesystem::create_directory_symlink(outside.Path(), tree / "one/linkToOutside");
-  constexpr std::uint64_t kTreeBytes = 100 + 20 + 3 + 4000 + 50000;
+  constexpr std::uint64_t kTreeBytes = 100 + 20 + 4000;
 
   const LogCapture capture;
   const int descriptors = testing::CountOpenDescriptors();
@@ -65,16 +64,18 @@ TEST(DirectorySizeTest, SumsTheRegularFilesBelow) {
   // Given no system-call layer, the three-argument constructor makes its own; a move keeps it.
   Directory ownLayer(std::make_shared<Path>(tree.Path()), nullptr,
                      std::make_shared<SystemCallWrapper>());
-  Directory moved(std::move(ownLayer));
-  EXPECT_EQ(moved.GetDirectorySize(), kTreeBytes);
+  EXPECT_EQ(Directory(std::move(ownLayer)).GetDirectorySize(), kTreeBytes);
   EXPECT_EQ(testing::CountOpenDescriptors(), descriptors) << "a directory stream stayed open";
   EXPECT_TRUE(capture.Records().empty());
-
-  // A subtree the caller may not read counts 0; the rest still adds up.
   ASSERT_EQ(::chmod((tree / "one").c_str(), 0), 0);
   EXPECT_EQ(testing::RunUnprivileged(
-                [&tree] { return On(tree.Path()).GetDirectorySize() == kTreeBytes - 23; }),
+                [&tree] { return On(tree.Path()).GetDirectorySize() == kTreeBytes - 20; }),
             0);
+  // Without a path every operation fails; without a wrapper the fill level does.
+  Directory noPath;
+  EXPECT_FALSE(noPath.CreateDirectory() || noPath.EmptyDirectory());
+  EXPECT_EQ(noPath.GetDirectorySize() + noPath.GetFileSystemUsedSize(), 0u);
+  EXPECT_EQ(noPath.GetPercentageUsed() + On("/", nullptr).GetPercentageUsed(), 0);
 }
 
 TEST(DirectoryUsedSizeTest, MatchesTheFileSystemStatisticsOrLogsTheFailure) {
@@ -145,85 +146,77 @@ INSTANTIATE_TEST_SUITE_P(Statistics, DirectoryPercentageTest,
                              {100, 50, 4096, EACCES, 0,
                               "3/0x8010: failed to open /sd with Permission denied(13)"}}));
 
-// Stand-in mkdir and rm log their name and arguments (each word followed by '|', one call a
-// line) and succeed: the log shows exactly what ran, and that nothing ran where the answer was
-// known without a command or the name was refused.
-TEST(DirectoryCommandTest, PassesThePathAsOneWordAndOnlyWhenNeeded) {
-  const testing::FakeProgramDir programs;
-  const std::string log = programs.Dir() / "log";
-  for (const char* name : {"mkdir", "rm"}) {
-    programs.AddScript(name, "printf '%s|' \"${0##*/}\" \"$@\" >> " + log + "\necho >> " + log);
-  }
-  const TempDir dir;
-  const testing::ScopedWorkingDirectory workingDirectory(dir.Path());
-  dir.WriteFile("file", "");
-  dir.WriteFile("full/x", "");
-  dir.WriteFile("-rf/inner", "");
-  EXPECT_TRUE(On("new").CreateDirectory());
-  EXPECT_TRUE(On("it's a $(name)").CreateDirectory());
-  EXPECT_TRUE(On("full").EmptyDirectory());
-  EXPECT_TRUE(On("full/").EmptyDirectory());
-  EXPECT_TRUE(On(dir.Path()).CreateDirectory());
-  EXPECT_FALSE(On("missing").EmptyDirectory());
-  // An existing directory is answered before any rule for command lines applies (a NUL ends the
-  // text the file system sees).
-  EXPECT_TRUE(On("-rf").CreateDirectory());
-  EXPECT_FALSE(On("-rf").EmptyDirectory());
-  EXPECT_TRUE(On(std::string("full\0/../-rf", 12)).CreateDirectory());
-  // Not a directory; a leading '-' would be read as options; a NUL would cut the command short.
-  for (const std::string& refused :
-       {std::string("file"), std::string("-new"), std::string("--"), std::string("a\0b", 3)}) {
-    EXPECT_FALSE(On(refused).CreateDirectory()) << refused;
-    EXPECT_FALSE(On(refused).EmptyDirectory()) << refused;
-  }
-  EXPECT_FALSE(On(std::string("full\0/../-rf", 12)).EmptyDirectory());
-  // Without a path every operation fails; without a wrapper the fill level does.
-  Directory noPath;
-  EXPECT_FALSE(noPath.CreateDirectory());
-  EXPECT_FALSE(noPath.EmptyDirectory());
-  EXPECT_EQ(noPath.GetDirectorySize(), 0u);
-  EXPECT_EQ(noPath.GetFileSystemUsedSize(), 0u);
-  EXPECT_EQ(noPath.GetPercentageUsed(), 0);
-  EXPECT_EQ(On(dir.Path(), nullptr).GetPercentageUsed(), 0);
-  EXPECT_EQ(testing::ReadWholeFile(log),
-            "mkdir|-p|new|\nmkdir|-p|it's a $(name)|\nrm|-r|full/x|\nrm|-r|full/x|\n");
+// A name, whether CreateDirectory and then (with a file, a subdirectory and a dot-named file put
+// inside when it is a directory) EmptyDirectory succeed, and the commands that ran.
+struct CommandCase {
+  std::string name;
+  bool created;
+  bool emptied;
+  std::string commands;  // each word followed by '|', one command a line
+};
+
+void PrintTo(const CommandCase& c, std::ostream* os) {
+  *os << ::testing::PrintToString(c.name);
 }
 
-// Names relative to a working directory that holds look-alike siblings and the home directory:
-// any word of the name the shell split off, any command it ran, and any pattern, variable or
-// '~' it expanded would show outside.
-class DirectoryHostileNameTest : public ::testing::TestWithParam<const char*> {};
+// Both commands ran, each with the name as one word.
+CommandCase Made(const std::string& name) {
+  return {name, true, true, "mkdir|-p|" + name + "|\nrm|-r|" + name + "/file|" + name + "/sub|\n"};
+}
 
-TEST_P(DirectoryHostileNameTest, CreatesAndEmptiesOnlyTheNamedDirectory) {
+// Stand-ins for mkdir and rm, alone on PATH, log their words (mkdir then runs the real one; rm
+// removes nothing), in a working directory that holds a file and a directory whose name begins
+// with '-', with HOME inside it: any word of the name the shell split off, any command it ran,
+// and any pattern, variable or '~' it expanded would show in the log.
+class DirectoryCommandTest : public ::testing::TestWithParam<CommandCase> {
+ protected:
+  void TearDown() override { std::filesystem::current_path(previous); }
+
+  const std::filesystem::path previous = std::filesystem::current_path();
   const TempDir root;
-  const testing::ScopedWorkingDirectory workingDirectory(root.Path());
-  const testing::ScopedEnvironmentVariable home("HOME", root / "home");
-  for (const char* sibling : {"dir/f", "a/f", "semi/f", "new/f", "x/f", "home/f", "keep"}) {
-    root.WriteFile(sibling, "x");
-  }
-  const std::string name = GetParam();
-  if (testing::OnFat(root.Path()) && std::any_of(name.begin(), name.end(), [](char c) {
-        return c < ' ' || std::strchr("\"*:<>?\\|", c) != nullptr;
+  const testing::ScopedEnvironmentVariable home{"HOME", root / "home"};
+  const testing::FakeProgramDir programs{testing::FakeProgramDir::Search::Only};
+};
+
+TEST_P(DirectoryCommandTest, PassesTheNameAsOneWordAndOnlyWhenNeeded) {
+  const CommandCase& c = GetParam();
+  if (testing::OnFat(root.Path()) && std::any_of(c.name.begin(), c.name.end(), [](char ch) {
+        return ch < ' ' || std::strchr("\"*:<>?\\|", ch) != nullptr;
       })) {
     GTEST_SKIP() << "FAT refuses control characters and any of \"*:<>?\\| in names";
   }
-  const Entries before = ListTree(root.Path());
-  ASSERT_TRUE(On(name).CreateDirectory());
-  EXPECT_FALSE(On(name).EmptyDirectory());  // the pattern matches nothing: rm fails
-  for (const char* entry : {"/file", "/sub/inner", "/.hidden", "/.dot/f"}) {
-    root.WriteFile(name + entry, "x");
+  const std::string log = programs.Dir() / "log";
+  const std::string logWords = "printf '%s|' \"${0##*/}\" \"$@\" >> " + log + "; echo >> " + log;
+  programs.AddScript("mkdir", logWords + "; exec /bin/mkdir \"$@\"");
+  programs.AddScript("rm", logWords);
+  root.WriteFile("file", "x");
+  root.MakeDir("-rf");
+  std::filesystem::current_path(root.Path());
+  EXPECT_EQ(On(c.name).CreateDirectory(), c.created);
+  for (const char* entry : {"/file", "/sub/inner", "/.hidden"}) {
+    if (c.emptied) {
+      root.WriteFile(c.name + entry, "x");
+    }
   }
-  EXPECT_TRUE(On(name).EmptyDirectory());
-  EXPECT_FALSE(On(name).EmptyDirectory());  // only dot-named entries left, and they stay
-  EXPECT_EQ(ListTree(name), (Entries{".dot", ".dot/f", ".hidden"}));
-  std::filesystem::remove_all(name.substr(0, name.find('/')));
-  EXPECT_EQ(ListTree(root.Path()), before);
+  EXPECT_EQ(On(c.name).EmptyDirectory(), c.emptied);
+  EXPECT_EQ(testing::ReadWholeFile(log), c.commands);
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, DirectoryHostileNameTest,
-                         ::testing::Values("it's", "say \"x\"", "semi; rm -r dir", "`touch PWNED`",
-                                           "dir *", "new\nline", "x|touch PWNED", "~", "$HOME",
-                                           "back\\slash", "glob?[d]", "a b/$(touch PWNED)/'deep'"));
+// An existing entry is answered before any rule for command lines applies; a leading '-' would
+// be read as options, a NUL would cut the command short; a trailing '/' takes the pattern
+// without another.
+INSTANTIATE_TEST_SUITE_P(
+    Names, DirectoryCommandTest,
+    ::testing::Values(Made("fresh"),
+                      CommandCase{"fresh/", true, true,
+                                  "mkdir|-p|fresh/|\nrm|-r|fresh/file|fresh/sub|\n"},
+                      CommandCase{"-rf", true, false, ""}, CommandCase{"file", false, false, ""},
+                      CommandCase{"-new", false, false, ""}, CommandCase{"--", false, false, ""},
+                      CommandCase{std::string("b\0c", 3), false, false, ""}, Made("it's"),
+                      Made("say \"x\""), Made("semi; rm -r dir"), Made("`touch PWNED`"),
+                      Made("dir *"), Made("new\nline"), Made("x|touch PWNED"), Made("~"),
+                      Made("$HOME"), Made("back\\slash"), Made("glob?[d]"),
+                      Made("a b/$(touch PWNED)/'deep'")));
 
 }  // namespace
 }  // namespace drn

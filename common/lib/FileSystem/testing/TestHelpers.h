@@ -1,9 +1,8 @@
 // Helpers for tests that use real files: a temporary directory, a log capture, running a check
-// as an unprivileged user, counting open descriptors, listing a tree, scoped changes of the
-// environment and the working directory, and telling a FAT file system.
+// in a forked child (as an unprivileged user too), counting open descriptors and children,
+// listing a tree, a scoped change of the environment, and telling a FAT file system.
 #pragma once
 
-#include <dirent.h>
 #include <grp.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -30,20 +29,14 @@
 
 namespace drn::testing {
 
-// A fresh directory (mode 0755) under TMPDIR (or /tmp), removed with everything in it on
-// destruction.
+// A fresh directory (mode 0755, so that checks run by RunUnprivileged can reach inside) under
+// TMPDIR (or /tmp), removed with everything in it on destruction.
 class TempDir {
  public:
-  TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/drx_test_XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
+  TempDir() : root((std::filesystem::temp_directory_path() / "drx_test_XXXXXX").string()) {
+    if (::mkdtemp(root.data()) == nullptr || ::chmod(root.c_str(), 0755) != 0) {
+      throw std::runtime_error("cannot make a temporary directory");
     }
-    // Open to other users, so that checks run by RunUnprivileged can reach inside.
-    ::chmod(pattern.c_str(), 0755);
-    root = pattern;
   }
   ~TempDir() {
     std::error_code ignored;
@@ -74,9 +67,8 @@ class TempDir {
 
   // Creates a directory (and its parents) and returns its full path.
   std::string MakeDir(const std::string& name) const {
-    const std::string full = *this / name;
-    std::filesystem::create_directories(full);
-    return full;
+    std::filesystem::create_directories(*this / name);
+    return *this / name;
   }
 
  private:
@@ -93,20 +85,19 @@ inline bool OnFat(const std::string& path) {
 
 inline std::string ReadWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 // Collects every record while it lives, with all levels enabled (or the filter given), and puts
 // back the previous sink and filter afterwards.
 class LogCapture {
  public:
-  explicit LogCapture(LogClient::LevelFilter filter = [](LogLevel) { return true; }) {
-    previousSink = LogClient::SetSink([this](const LogRecord& record) {
-      std::lock_guard<std::mutex> lock(mutex);
-      records.push_back(record);
-    });
-    previousFilter = LogClient::SetLevelFilter(std::move(filter));
-  }
+  explicit LogCapture(LogClient::LevelFilter filter = [](LogLevel) { return true; })
+      : previousSink(LogClient::SetSink([this](const LogRecord& record) {
+          const std::lock_guard<std::mutex> lock(mutex);
+          records.push_back(record);
+        })),
+        previousFilter(LogClient::SetLevelFilter(std::move(filter))) {}
   ~LogCapture() {
     LogClient::SetSink(previousSink);
     LogClient::SetLevelFilter(previousFilter);
@@ -115,7 +106,7 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<LogRecord> Records() const {
-    std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return records;
   }
 
@@ -132,9 +123,6 @@ class LogCapture {
 // The child ends with _exit.
 inline int RunInChild(const std::function<bool()>& check) {
   const pid_t pid = ::fork();
-  if (pid < 0) {
-    return -1;
-  }
   if (pid == 0) {
     int status = 3;
     try {
@@ -144,9 +132,9 @@ inline int RunInChild(const std::function<bool()>& check) {
     ::_exit(status);
   }
   int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // The records as "function level/category: text" (level in decimal, category in hex, as in
@@ -178,20 +166,16 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
 }
 
 // True while this process has a child, running or ended but not yet reaped (a zombie). Reaps
-// nothing.
+// nothing. __WALL: children without an exit signal count too.
 inline bool HasChildProcesses() {
   siginfo_t info{};
-  // __WALL: children without an exit signal count too.
   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 || errno != ECHILD;
 }
 
 // Open descriptors of this process, for leak checks around code that opens and closes.
 inline int CountOpenDescriptors() {
-  int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    ++count;
-  }
-  return count;
+  const std::filesystem::directory_iterator entries("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 // Every entry below root (symbolic links not followed) as its path relative to root, sorted:
@@ -208,43 +192,24 @@ inline std::vector<std::string> ListTree(const std::string& root) {
 // Sets an environment variable while it lives and puts back the previous value (or its absence).
 class ScopedEnvironmentVariable {
  public:
-  ScopedEnvironmentVariable(std::string name, const std::string& value) : name(std::move(name)) {
-    if (const char* previousValue = std::getenv(this->name.c_str())) {
-      previous = previousValue;
-    }
+  ScopedEnvironmentVariable(std::string name, const std::string& value)
+      : name(std::move(name)), previous(Get(this->name)) {
     ::setenv(this->name.c_str(), value.c_str(), 1);
   }
   ~ScopedEnvironmentVariable() {
-    if (previous) {
-      ::setenv(name.c_str(), previous->c_str(), 1);
-    } else {
-      ::unsetenv(name.c_str());
-    }
+    previous ? ::setenv(name.c_str(), previous->c_str(), 1) : ::unsetenv(name.c_str());
   }
   ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
   ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
 
  private:
+  static std::optional<std::string> Get(const std::string& name) {
+    const char* value = std::getenv(name.c_str());
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+  }
+
   std::string name;
   std::optional<std::string> previous;
-};
-
-// Makes directory the working directory while it lives and goes back afterwards.
-class ScopedWorkingDirectory {
- public:
-  explicit ScopedWorkingDirectory(const std::string& directory)
-      : previous(std::filesystem::current_path()) {
-    std::filesystem::current_path(directory);
-  }
-  ~ScopedWorkingDirectory() {
-    std::error_code ignored;
-    std::filesystem::current_path(previous, ignored);
-  }
-  ScopedWorkingDirectory(const ScopedWorkingDirectory&) = delete;
-  ScopedWorkingDirectory& operator=(const ScopedWorkingDirectory&) = delete;
-
- private:
-  std::filesystem::path previous;
 };
 
 }  // namespace drn::testing
