@@ -1,39 +1,25 @@
 // The fault sweep: for every operation in the table, records the C library calls one successful
 // run makes, then fails each of them in turn with every errno listed for its function, each
 // point in a forked child. Per point it checks: no crash, no descriptor and no child process
-// left, and the result, records, exception and errno that the library's contract gives for
-// that failure. Prints one line per failed point and a closing count; with --table FILE it also
-// writes the per-operation table (calls, points, errnos) in Markdown.
+// left, and the result, records, exception, errno and what the operation left behind that the
+// library's contract gives for that failure. Prints one line per failed point and a closing
+// count; with --table FILE it also writes the per-operation table (calls, points, errnos) in
+// Markdown.
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <functional>
 #include <iostream>
 #include <map>
-#include <optional>
 #include <regex>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "../FileTestSupport.h"
 #include "AtomicFile.h"
 #include "Directory.h"
 #include "DurableLinuxApi.h"
 #include "FaultInjector.h"
-#include "File.h"
-#include "Path.h"
 #include "StreamingTarApi.h"
 #include "SystemCallWrapper.h"
-#include "TestHelpers.h"
 #include "Untar.h"
 
 namespace drn::faults {
@@ -42,18 +28,18 @@ namespace {
 using testing::TempDir;
 using F = Function;
 
-// Phases an operation announces, so that an expectation can tell where a call was made.
+// Phases an operation announces, so that a row can tell where a call was made.
 enum Phase : int { kAny = 0, kOpen, kUse, kFlush, kClose, kRead };
 
-// What one run of an operation showed. Records and result name the point's scratch directory
-// {d} and the shared archive {a}, so that runs in different directories compare.
+// What one run of an operation showed. Its texts name the point's scratch directory {d}, the
+// shared archive {a} and the temporary file's random name .f.XXXXXX, so that runs compare.
 struct Outcome {
   std::string result;
   std::string exception = {};  // "type: message", empty when none was thrown
   std::vector<std::string> records = {};
   int errorAfter = 0;
-  std::string content = {};        // what the operation left behind, where it touches files
-  std::string contentBefore = {};  // a file's bytes before the File was destroyed, or what was read
+  std::string content = {};  // what the operation left behind, taken even after a throw
+  std::string held = {};     // a File's file before the File was destroyed
 };
 
 // One failure point: the call-th call of function (the inPhase-th within its phase) fails.
@@ -65,39 +51,40 @@ struct Point {
   int error;
 };
 
-// Returns a description of what is wrong with an outcome, empty when nothing is.
-using Check = std::function<std::string(const Outcome&)>;
-
-// What the contract gives for a point; an unset result is not compared.
+// What the contract gives for a point; unset fields are not compared.
 struct Expected {
   std::optional<std::string> result;
   std::string exception;
   std::vector<std::string> records;
   std::optional<int> errorAfter;
-  Check check;                // further checks
+  std::optional<std::string> content;
+  // Further checks: a description of what is wrong, empty when nothing is.
+  std::function<std::string(const Outcome&)> check = {};
   bool checkDecides = false;  // the outcome takes one of several forms: only check decides
   bool mayNotFire = false;    // the number of such calls depends on timing
   bool childMayRemain = false;
 };
 
-// How a row's point ends. kStatus: a tar run that failed with the status in result;
-// kPlainCut: TarApi's output ends before the byte whose read failed; kCut: output ends at a
-// moment timing decides, or the row's failed wait comes.
-enum RowFlag : int {
-  kErrnoZero = 1,
-  kErrnoInjected = 2,
-  kStatus = 4,
-  kPlainCut = 8,
-  kCut = 16,
-  kMayNotFire = 32
-};
+// clang-format off
+// What a row says beyond result, exception and records. Errno after the operation: 0, or the
+// injected error. kStatus: a tar run that failed with the status in the row's result. kPlainCut:
+// TarApi's output ends before the byte whose read failed. kCut: the output ends at a moment
+// timing decides, or the row's failed wait comes. kUntouched: the operation left what was there
+// before it; kAnyContent and kAnyResult: either may be anything. kPrefix: the result begins the
+// usual one. kAccepted: the file holds the bytes the stream accepted over the old ones. kHeld: a
+// File's failed last flush changed nothing. kLeftBehind: the temporary file is left with the
+// bytes drained before the end.
+enum RowFlag : int { kErrnoZero = 1, kErrnoInjected = 1 << 1, kStatus = 1 << 2, kPlainCut = 1 << 3,
+  kCut = 1 << 4, kMayNotFire = 1 << 5, kUntouched = 1 << 6, kAnyContent = 1 << 7, kAnyResult = 1 << 8,
+  kPrefix = 1 << 9, kAccepted = 1 << 10, kHeld = 1 << 11, kLeftBehind = 1 << 12 };
+// clang-format on
 
 // One row of the expectations: a failure of function, in the operations whose name operation
 // finds, in phase (kAny: any), as the inPhase-th to last-th call there (0: any; last 0: only
 // inPhase), with error (0: any, -E: any but E), gives this result (unset: the usual one),
-// exception and records; the usual records of the run follow when neither result nor exception
-// is given. In texts, {e} is the error's text, {n} its number, {s} tar's command line and {t}
-// the same without spaces. The first row that fits decides.
+// exception and records; the usual records follow when neither result nor exception is given.
+// In texts, {e} is the error's text, {n} its number, {s} tar's command line and {t} the same
+// without spaces. The first row that fits decides; none: the run goes on as usual.
 struct Row {
   const char* operation;
   Function function;
@@ -111,18 +98,20 @@ struct Row {
   long last = 0;
 };
 
-const std::string kIos = "ios_base::failure (iostream 1): ";
-const std::string kFailed = "Fail 3/0x8010: replacing {d}/a/f failed on ";
-const std::string kTemporary = "{d}/a/.f.XXXXXX";
-const std::string kOld = "; it keeps its old content";
-const std::string kNew = "; the new content is in place but its durability is not confirmed";
-const std::string kTar = "RunCmd 3/0x8027: ";
-const std::string kWaitFailure = "runtime_error: waitpid failure";
+// clang-format off
+const std::string kIos = "ios_base::failure (iostream 1): ", kTar = "RunCmd 3/0x8027: ";
+const std::string kSeek = "SeekSet 7/0x8010: failed on lseek with {e}", kWrite = "Write 3/0x8010: failed on write with {e}";
+const std::string kUnderflow = "underflow 3/0x8010: failed on underflow read with {e}";
+const std::string kSyncOutput = "SyncOutput 3/0x8010: failed on output sync with {e}";
+const std::string kFailed = "Fail 3/0x8010: replacing {d}/a/f failed on ", kTemporary = "{d}/a/.f.XXXXXX";
+const std::string kOld = "; it keeps its old content", kNew = "; the new content is in place but its durability is not confirmed";
+const std::string kNotDirectory = "DoExtract 3/0x8027: specified path is not an existing directory: {d}/out";
+const std::string kWaitFailure = "runtime_error: waitpid failure", kWaitRecord = kTar + "waitpid failure: {e}";
+const std::string kReadBack = "flush failed, 012defghijklmnop";
 const char* const kRunners = "Tar|Untar";
 const char* const kPlain = "^(TarApi|Untar)::[A-Za-z]+$";
 const char* const kStreaming = "[Ss]treaming";
 
-// clang-format off
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
     {"Path::Exists", F::access, kAny, 0, ENOENT, "false", "", {}, kErrnoZero},
@@ -130,17 +119,36 @@ const std::vector<Row>& Rows() {
     {"Path::IsDirectory", F::access, kAny, 0, ENOENT, "false"},
     {"Path::IsDirectory", F::opendir, kAny, 0, 0, "false", "", {}, kErrnoInjected},
     {"^File (r|w)", F::access, kOpen, 1, ENOENT, {}, "invalid_argument: could not open specified path",
-     {"Impl 3/0x8010: Tried to open \"{d}/f\" but it didn't exist"}},
+     {"Impl 3/0x8010: Tried to open \"{d}/f\" but it didn't exist"}, kUntouched},
     {"^File (r|w)", F::open, kOpen, 0, 0, {}, kIos + "Failed on kernel call to open: iostream error",
-     {"Impl 3/0x8010: failed on kernel open with {e}"}},
+     {"Impl 3/0x8010: failed on kernel open with {e}"}, kUntouched},
     {"^File in memory", F::memfd_create, kAny, 0, 0, {}, kIos + "could not open in memory: iostream error",
-     {"Impl 3/0x8010: failed on ram syscall with: {e}"}},
-    {"^File read and write", F::syncfs, kFlush, 2, 0, {}, "", {"SyncInput 3/0x8010: failed on input sync with {e}"}},
-    {"^File ", F::lseek, kAny, 0, 0, {}, "", {"SeekSet 7/0x8010: failed on lseek with {e}"}},
-    {"^File ", F::write, kAny, 0, 0, {}, "", {"Write 3/0x8010: failed on write with {e}"}},
-    {"^File ", F::read, kAny, 0, 0, {}, "", {"underflow 3/0x8010: failed on underflow read with {e}"}},
-    {"^File ", F::syncfs, kAny, 0, 0, {}, "", {"SyncOutput 3/0x8010: failed on output sync with {e}"}},
-    {"^File ", F::fdatasync, kAny, 0, 0, {}, "", {"SyncOutput 3/0x8010: failed on output sync with {e}"}},
+     {"Impl 3/0x8010: failed on ram syscall with: {e}"}, kUntouched},
+    // A failed read ends the reading early. A flush fails at its write (its first lseek), input
+    // sync, or refill (its second); until the destructor writes them, bytes a failed flush kept
+    // are not in the file. Every byte the stream accepted reaches the file exactly once, at its
+    // own offset; only a failure in the destructor's own flush loses what it held.
+    {"^File read,", F::read, kUse, 0, 0, {}, "", {kUnderflow}, kPrefix},
+    {"^File read,", F::lseek, kUse, 0, 0, {}, "", {kSeek}, kPrefix},
+    {"read and write", F::write, kFlush, 0, 0, "flush failed, abcdefghijklmnop", "", {kWrite}},
+    {"read and write", F::lseek, kFlush, 1, 0, "flush failed, abcdefghijklmnop", "", {kSeek}},
+    {"read and write", F::lseek, kFlush, 2, 0, kReadBack, "", {kSeek}},
+    {"read and write", F::read, kFlush, 0, 0, kReadBack, "", {kUnderflow}},
+    {"read and write", F::syncfs, kFlush, 2, 0, kReadBack, "", {"SyncInput 3/0x8010: failed on input sync with {e}"}},
+    {"read and write", F::read, kRead, 0, 0, {}, "", {kUnderflow}, kPrefix},
+    {"read and write", F::lseek, kRead, 0, 0, {}, "", {kSeek}, kPrefix},
+    {"^File write.*flushed", F::write, kFlush, 0, 0, "accepted 11, flush failed", "", {kWrite}},
+    {"^File write.*flushed", F::lseek, kFlush, 0, 0, "accepted 11, flush failed", "", {kSeek}},
+    {"^File write", F::write, kUse, 0, 0, {}, "", {kWrite}, kAccepted},
+    {"^File write", F::lseek, kUse, 0, 0, {}, "", {kSeek}, kAccepted},
+    {"^File write", F::write, kClose, 0, 0, {}, "", {kWrite}, kHeld},
+    {"^File write", F::lseek, kClose, 0, 0, {}, "", {kSeek}, kHeld},
+    {"^File ", F::lseek, kAny, 0, 0, {}, "", {kSeek}},
+    {"^File ", F::write, kAny, 0, 0, {}, "", {kWrite}},
+    {"^File ", F::read, kAny, 0, 0, {}, "", {kUnderflow}},
+    // The durable layer's sync fails as syncfs does.
+    {"^File ", F::syncfs, kAny, 0, 0, {}, "", {kSyncOutput}},
+    {"^File ", F::fdatasync, kAny, 0, 0, {}, "", {kSyncOutput}},
     {"^File ", F::close, kAny, 0, 0, {}, "", {"~File 3/0x8010: failed on close with {n}"}},
     {"File::CreateFile", F::open, kAny, 0, 0, "false, (missing)", "", {"CreateFile 3/0x8010: Could not open {d}/new({e})"}},
     {"File::RecreateFile", F::open, kAny, 0, 0, "false, abcdefghijklmnop", "", {"RecreateFile 3/0x8010: Could not open {d}/f({e})"}},
@@ -148,27 +156,28 @@ const std::vector<Row>& Rows() {
     // An AtomicFile's constructor throws after its record and leaves nothing behind; only root may
     // give a file away, so a fchown refused otherwise lets the replacement go on as the caller's.
     {"^AtomicFile", F::lstat, kOpen, 0, 0, {}, kIos + "AtomicFile cannot examine its path: iostream error",
-     {"Impl 3/0x8010: cannot examine {d}/a/f: {e}"}},
+     {"Impl 3/0x8010: cannot examine {d}/a/f: {e}"}, kUntouched},
     {"^AtomicFile", F::open, kOpen, 0, 0, {}, kIos + "AtomicFile cannot create its temporary file: iostream error",
-     {"Impl 3/0x8010: cannot create a temporary file beside {d}/a/f: {e}"}},
+     {"Impl 3/0x8010: cannot create a temporary file beside {d}/a/f: {e}"}, kUntouched},
     {"^AtomicFile", F::fchown, kOpen, 0, EIO, {}, kIos + "AtomicFile cannot set its temporary file's owner: iostream error",
-     {"KeepOwner 3/0x8010: cannot give " + kTemporary + " the owner of {d}/a/f: {e}"}},
-    // A failed write makes the stream bad; a later Commit finds nothing to commit.
+     {"KeepOwner 3/0x8010: cannot give " + kTemporary + " the owner of {d}/a/f: {e}"}, kUntouched},
+    // A failed write makes the stream bad; a later Commit finds nothing to commit. A failure
+    // after the rename leaves the new content in place.
     {"^AtomicFile, Commit", F::write, kUse, 0, -EINTR, "bad, not committed, bad", "",
      {kFailed + "write to " + kTemporary + ": {e}" + kOld,
-      "DoCommit 3/0x8010: nothing to commit for {d}/a/f: already committed, cancelled or failed"}},
-    {"^AtomicFile, Cancel", F::write, kUse, 0, -EINTR, "bad, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}},
-    {"^AtomicFile, dest", F::write, kUse, 0, -EINTR, "bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}},
-    {"^AtomicFile, Commit", F::write, kFlush, 0, -EINTR, "written, not committed, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}},
-    {"^AtomicFile, Commit", F::fsync, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "fsync of " + kTemporary + ": {e}" + kOld}},
+      "DoCommit 3/0x8010: nothing to commit for {d}/a/f: already committed, cancelled or failed"}, kUntouched},
+    {"^AtomicFile, Cancel", F::write, kUse, 0, -EINTR, "bad, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
+    {"^AtomicFile, dest", F::write, kUse, 0, -EINTR, "bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
+    {"^AtomicFile, Commit", F::write, kFlush, 0, -EINTR, "written, not committed, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "fsync of " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, Commit", F::fsync, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "fsync of {d}/a/: {e}" + kNew}},
-    {"^AtomicFile, Commit", F::close, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "close of " + kTemporary + ": {e}" + kOld}},
+    {"^AtomicFile, Commit", F::close, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "close of " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, Commit", F::close, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "close of {d}/a/: {e}" + kNew}},
-    {"^AtomicFile, Commit", F::rename, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "rename of " + kTemporary + " to {d}/a/f: {e}" + kOld}},
-    {"^AtomicFile, Commit", F::fchmod, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "setting the mode of " + kTemporary + ": {e}" + kOld}},
+    {"^AtomicFile, Commit", F::rename, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "rename of " + kTemporary + " to {d}/a/f: {e}" + kOld}, kUntouched},
+    {"^AtomicFile, Commit", F::fchmod, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "setting the mode of " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, Commit", F::open, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "open of {d}/a/: {e}" + kNew}},
     // Only a failed removal leaves the temporary file, and says so.
-    {"^AtomicFile", F::remove, kAny, 0, 0, {}, "", {"Discard 3/0x8010: cannot remove the temporary file " + kTemporary + ": {e}"}},
+    {"^AtomicFile", F::remove, kAny, 0, 0, {}, "", {"Discard 3/0x8010: cannot remove the temporary file " + kTemporary + ": {e}"}, kLeftBehind},
     // A missing path that seems to exist (any error but ENOENT) is no directory; on an existing
     // one, a first answer of ENOENT sends it to mkdir -p, which succeeds.
     {"CreateDirectory, missing", F::access, kAny, 0, -ENOENT, "false, absent"},
@@ -178,52 +187,73 @@ const std::vector<Row>& Rows() {
     {"EmptyDirectory", F::access, kAny, 0, ENOENT, "false .keep sub sub/y x"},
     {"EmptyDirectory", F::opendir, kAny, 0, 0, "false .keep sub sub/y x"},
     {"EmptyDirectory", F::system, kAny, 0, 0, "false .keep sub sub/y x"},
-    // The top level, then sub, then sub/deeper: each lost level takes its files.
+    // The top level, then sub, then sub/deeper: each lost level takes its files; a failed
+    // readdir ends its directory early.
     {"GetDirectorySize", F::opendir, kAny, 1, 0, "0"},
     {"GetDirectorySize", F::opendir, kAny, 2, 0, "200"},
     {"GetDirectorySize", F::opendir, kAny, 3, 0, "300"},
     {"GetDirectorySize", F::stat, kAny, 0, 0, "300"},
+    {"GetDirectorySize", F::readdir, kAny, 0, 0, {}, "", {}, kAnyResult},
     {"GetFileSystemUsedSize", F::statfs, kAny, 0, 0, "0", "", {"GetFileSystemUsedSize 3/0x8010: failed to open path with {n}"}},
     {"GetPercentageUsed", F::statfs, kAny, 0, 0, "0", "", {"GetPercentageUsed 3/0x8010: failed to open / with {e}({n})"}},
     {"^Untar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file", {"Impl 3/0x8027: path is not a file: {a}"}},
-    {"^Untar::Extract", F::access, kUse, 0, ENOENT, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
-    {"^Untar::Extract", F::opendir, kUse, 0, 0, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
+    {"^Untar::Extract", F::access, kUse, 0, ENOENT, "-1", "", {kNotDirectory}, kUntouched},
+    {"^Untar::Extract", F::opendir, kUse, 0, 0, "-1", "", {kNotDirectory}, kUntouched},
     // The tar runners. The streaming runner names the step of the start that failed; a failed
     // pipe, fcntl (but the third, asking for a larger pipe, which the runner does without) or
     // fork is the runner's own; a failed dup2 or execvp in TarApi's child is tar's 255. The
     // streaming runner closes the pipes' four ends with a record, and the socket's, which carry
     // no output, without. Its first read is the report that says tar runs: without it nothing
-    // is known of tar, which is killed. Its further reads, of the output and then of tar's
-    // status, come as often as timing has it: the status read fails the wait; a read of the
-    // output ends it early, or, with EINTR, is retried. A failed wait leaves the child for
-    // nobody to reap, as the contract has it. A poll that fails only brings a drain forward.
-    // The hanging tar is killed at its time-out before any later read or wait is sure to come.
+    // is known of tar, which is killed (having perhaps extracted some entries). Its further
+    // reads, of the output and then of tar's status, come as often as timing has it: the status
+    // read fails the wait; a read of the output ends it early, or, with EINTR, is retried. A
+    // failed wait leaves the child for nobody to reap, as the contract has it. A failed poll
+    // only brings a drain forward. A hanging tar is killed at its time-out, before any later
+    // read or wait is sure to come.
     {"hangs", F::read, kAny, 2, 0, {}, "", {}, kMayNotFire, 1000},
     {"hangs", F::waitpid, kAny, 0, 0, {}, "", {}, kMayNotFire},
-    {"time-out", F::waitpid, kAny, 0, ECHILD, {}, kWaitFailure, {kTar + "waitpid failure: {e}"}, kCut | kMayNotFire},
+    {"time-out", F::waitpid, kAny, 0, ECHILD, {}, kWaitFailure, {kWaitRecord}, kCut | kMayNotFire},
     {"time-out", F::waitpid, kAny, 0, 0, {}, "", {}, kMayNotFire},
-    {kRunners, F::pipe2, kAny, 0, 0, "-{n}", "", {kTar + "failed to pipe: {n}"}, kStatus},
-    {kRunners, F::fcntl, kAny, 1, 0, "-{n}", "", {kTar + "failed to pipe: {n}"}, kStatus, 2},
-    {kRunners, F::fork, kAny, 0, 0, "-{n}", "", {kTar + "Failed to fork: {t}"}, kStatus},
-    {kStreaming, F::socketpair, kAny, 0, 0, "-{n}", "", {kTar + "socketpair failed for {s}: {e}"}, kStatus},
-    {kStreaming, F::clone, kAny, 0, 0, "-{n}", "", {kTar + "clone failed for {s}: {e}"}, kStatus},
-    {kRunners, F::dup2, kAny, 0, 0, "255", "", {kTar + "tar returned 255,\n"}, kStatus},
-    {kRunners, F::dup3, kAny, 0, 0, "255", "", {kTar + "dup3 failed for {s}: {e}"}, kStatus},
-    {kPlain, F::execvp, kAny, 0, 0, "255", "", {kTar + "tar returned 255,\n"}, kStatus},
-    {kStreaming, F::execvp, kAny, 0, 0, "255", "", {kTar + "execvp failed for {s}: {e}"}, kStatus},
+    {kRunners, F::pipe2, kAny, 0, 0, "-{n}", "", {kTar + "failed to pipe: {n}"}, kStatus | kUntouched},
+    {kRunners, F::fcntl, kAny, 1, 0, "-{n}", "", {kTar + "failed to pipe: {n}"}, kStatus | kUntouched, 2},
+    {kRunners, F::fork, kAny, 0, 0, "-{n}", "", {kTar + "Failed to fork: {t}"}, kStatus | kUntouched},
+    {kStreaming, F::socketpair, kAny, 0, 0, "-{n}", "", {kTar + "socketpair failed for {s}: {e}"}, kStatus | kUntouched},
+    {kStreaming, F::clone, kAny, 0, 0, "-{n}", "", {kTar + "clone failed for {s}: {e}"}, kStatus | kUntouched},
+    {kRunners, F::dup2, kAny, 0, 0, "255", "", {kTar + "tar returned 255,\n"}, kStatus | kUntouched},
+    {kRunners, F::dup3, kAny, 0, 0, "255", "", {kTar + "dup3 failed for {s}: {e}"}, kStatus | kUntouched},
+    {kPlain, F::execvp, kAny, 0, 0, "255", "", {kTar + "tar returned 255,\n"}, kStatus | kUntouched},
+    {kStreaming, F::execvp, kAny, 0, 0, "255", "", {kTar + "execvp failed for {s}: {e}"}, kStatus | kUntouched},
     {kPlain, F::close, kAny, 0, 0, {}, "", {"ClosePipe 3/0x8027: failed to close pipe: {n}"}},
     {kStreaming, F::close, kAny, 2, 0, {}, "", {kTar + "failed to close pipe: {n}"}, 0, 5},
     {kRunners, F::poll, kAny, 0, 0, {}, "", {}, kMayNotFire},
     {kPlain, F::read, kAny, 0, 0, {}, "", {}, kPlainCut},
-    {kStreaming, F::read, kAny, 1, -EINTR, "-{n}", "", {kTar + "read failed for {s}: {e}"}, kStatus},
-    {kStreaming, F::read, kAny, 2, -EINTR, {}, kWaitFailure, {kTar + "waitpid failure: {e}"}, kCut | kMayNotFire, 1000},
+    {kStreaming, F::read, kAny, 1, -EINTR, "-{n}", "", {kTar + "read failed for {s}: {e}"}, kStatus | kAnyContent},
+    {kStreaming, F::read, kAny, 2, -EINTR, {}, kWaitFailure, {kWaitRecord}, kCut | kMayNotFire, 1000},
     {kStreaming, F::read, kAny, 2, EINTR, {}, "", {}, kMayNotFire, 1000},
-    {kPlain, F::waitpid, kAny, 0, 0, {}, kWaitFailure, {kTar + "waitpid failure: {e}"}},
-    {kStreaming, F::waitpid, kAny, 0, ECHILD, {}, kWaitFailure, {kTar + "waitpid failure: {e}"}},
+    {kPlain, F::waitpid, kAny, 0, 0, {}, kWaitFailure, {kWaitRecord}},
+    {kStreaming, F::waitpid, kAny, 0, ECHILD, {}, kWaitFailure, {kWaitRecord}},
   };
   return rows;
 }
 // clang-format on
+
+struct Operation {
+  std::string name;
+  // Runs the operation in a scratch directory, noting what it returns in the outcome.
+  std::function<void(const TempDir&, Outcome&)> run;
+  // What the operation left in the scratch directory, and what was there before it ran.
+  std::function<std::string(const TempDir&)> content = {};
+  std::string initial = {};
+  // The run without faults writes records of a failure (but throws nothing).
+  bool failsWithoutFaults = false;
+  // A call the run without faults must make (the one a substitute layer exists for), if any.
+  Function mustCall = Function::count;
+  // A tar runner's operation: tar's command line; the result and further records it gives for
+  // tar's output and status; tar's whole output (unset: the usual result's, up to its last '|').
+  std::string tar = {};
+  std::function<Outcome(const std::string& output, int status)> ran = {};
+  std::optional<std::string> output = {};
+};
 
 // Replaces every from in text by to.
 std::string Replaced(std::string text, const std::string& from, const std::string& to) {
@@ -233,45 +263,16 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
-struct Operation {
-  std::string name;
-  // Runs the operation in a scratch directory, noting what it returns in the outcome.
-  std::function<void(const TempDir&, Outcome&)> run;
-  // Refines what the rows give the point; none where the rows say everything.
-  std::function<void(const Point&, const Outcome& baseline, Expected&)> expect = {};
-  // What the operation left in the scratch directory, taken after the run, even one that threw.
-  std::function<std::string(const TempDir&)> content = {};
-  // The run without faults writes records of a failure (but throws nothing).
-  bool failsWithoutFaults = false;
-  // A call the run without faults must make (the one a substitute layer exists for), if any.
-  Function mustCall = Function::count;
-  // A tar runner's operation: tar's command line; the result and further records it gives for
-  // tar's output and status; tar's whole output (unset: the result's, up to its last '|').
-  std::string tar = {};
-  std::function<Outcome(const std::string& output, int status)> ran = {};
-  std::optional<std::string> output = {};
-};
-
-// The first row that fits the point, if any.
-const Row* RowFor(const std::string& operation, const Point& point) {
-  for (const Row& row : Rows()) {
-    const int error = row.error;
-    const long last = std::max(row.last, row.inPhase);
-    if (row.function == point.function && (row.phase == kAny || row.phase == point.phase) &&
-        (row.inPhase == 0 || (point.inPhase >= row.inPhase && point.inPhase <= last)) &&
-        (error == 0 || error == point.error || (error < 0 && -error != point.error)) &&
-        std::regex_search(operation, std::regex(row.operation))) {
-      return &row;
-    }
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) {
+    text += name + ";";
   }
-  return nullptr;
+  return text;
 }
 
-// Whether got has result (when set), exception and records of want.
-bool Same(const Outcome& got, const std::optional<std::string>& result,
-          const std::string& exception, const std::vector<std::string>& records) {
-  return (!result || got.result == *result) && got.exception == exception && got.records == records;
-}
+const std::string kOriginal = "abcdefghijklmnop";
+const std::string kData = "0123456789A";
 
 // What a tar runner's row gives: a failure's status, a run cut short, or a run as usual.
 void ExpectOfRunner(const Operation& operation, const Point& point, const Outcome& baseline,
@@ -290,9 +291,7 @@ void ExpectOfRunner(const Operation& operation, const Point& point, const Outcom
     // record; a tar that fails anyway can never be seen to succeed. Or the row's failed wait.
     expected.checkDecides = true;
     expected.check = [&operation, output, wait = expected](const Outcome& got) {
-      if (Same(got, {}, wait.exception, wait.records)) {
-        return std::string();
-      }
+      bool fits = got.exception == wait.exception && got.records == wait.records;
       for (std::size_t end = 0; end <= output.size(); ++end) {
         for (const int status : {0, 2}) {
           Outcome want = operation.ran(output.substr(0, end), status);
@@ -300,55 +299,87 @@ void ExpectOfRunner(const Operation& operation, const Point& point, const Outcom
             want.records.insert(want.records.begin(),
                                 kTar + "tar returned 2,\n" + output.substr(0, end));
           }
-          if ((status != 0 || !operation.failsWithoutFaults) &&
-              Same(got, want.result, "", want.records)) {
-            return std::string();
-          }
+          fits = fits || ((status != 0 || !operation.failsWithoutFaults) && got.exception.empty() &&
+                          got.result == want.result && got.records == want.records);
         }
       }
-      return "outcome " + got.result + " " + got.exception;
+      return fits ? std::string() : "outcome " + got.result + " " + got.exception;
     };
   }
 }
 
 // What the first row that fits gives the point, or the run without faults' outcome.
 Expected ExpectedOf(const Operation& operation, const Point& point, const Outcome& baseline) {
-  Expected expected;
-  expected.result = baseline.result;
-  const Row* row = RowFor(operation.name, point);
-  const int flags = row == nullptr ? 0 : row->flags;
-  if (row != nullptr) {
-    const std::string tar = operation.tar;
-    const std::pair<std::string, std::string> fields[] = {{"{e}", std::strerror(point.error)},
-                                                          {"{n}", std::to_string(point.error)},
-                                                          {"{s}", tar},
-                                                          {"{t}", Replaced(tar, " ", "")}};
-    const auto fill = [&fields](std::string text) {
-      for (const auto& [field, value] : fields) {
-        text = Replaced(text, field, value);
-      }
-      return text;
-    };
-    expected.result = row->result              ? fill(*row->result)
-                      : row->exception.empty() ? expected.result
-                                               : std::nullopt;
-    expected.exception = row->exception;
-    std::transform(row->records.begin(), row->records.end(), std::back_inserter(expected.records),
-                   fill);
-    if ((flags & (kErrnoZero | kErrnoInjected)) != 0) {
-      expected.errorAfter = (flags & kErrnoZero) != 0 ? 0 : point.error;
+  const std::pair<std::string, std::string> fields[] = {{"{e}", std::strerror(point.error)},
+                                                        {"{n}", std::to_string(point.error)},
+                                                        {"{s}", operation.tar},
+                                                        {"{t}", Replaced(operation.tar, " ", "")}};
+  const auto fill = [&fields](std::string text) {
+    for (const auto& [field, value] : fields) {
+      text = Replaced(text, field, value);
     }
-    expected.mayNotFire = (flags & kMayNotFire) != 0;
+    return text;
+  };
+  const Row* found = nullptr;
+  for (const Row& row : Rows()) {
+    const long last = std::max(row.last, row.inPhase);
+    if (found == nullptr && row.function == point.function &&
+        (row.phase == kAny || row.phase == point.phase) &&
+        (row.inPhase == 0 || (point.inPhase >= row.inPhase && point.inPhase <= last)) &&
+        (row.error == 0 || row.error == point.error ||
+         (row.error < 0 && -row.error != point.error)) &&
+        std::regex_search(operation.name, std::regex(row.operation))) {
+      found = &row;
+    }
   }
-  if (!row || (!row->result && row->exception.empty())) {
+  const Row& row = found != nullptr ? *found : Row{"", point.function, kAny, 0, 0};
+  const int flags = row.flags;
+  const bool usual = !row.result && row.exception.empty();
+  Expected expected{row.result ? fill(*row.result) : std::optional<std::string>(),
+                    row.exception,
+                    {},
+                    {},
+                    row.exception.empty() ? baseline.content : std::optional<std::string>()};
+  expected.result = usual ? baseline.result : expected.result;
+  std::transform(row.records.begin(), row.records.end(), std::back_inserter(expected.records),
+                 fill);
+  if (usual) {
     expected.records.insert(expected.records.end(), baseline.records.begin(),
                             baseline.records.end());
   }
+  if ((flags & (kErrnoZero | kErrnoInjected)) != 0) {
+    expected.errorAfter = (flags & kErrnoZero) != 0 ? 0 : point.error;
+  }
+  expected.mayNotFire = (flags & kMayNotFire) != 0;
+  if ((flags & kUntouched) != 0) {
+    expected.content = operation.initial;
+  }
+  if ((flags & (kAnyResult | kPrefix | kAccepted)) != 0) {
+    expected.result.reset();
+  }
+  if ((flags & (kAnyContent | kAccepted | kHeld | kLeftBehind)) != 0) {
+    expected.content.reset();
+  }
+  if ((flags & kPrefix) != 0) {
+    expected.check = [whole = baseline.result](const Outcome& got) {
+      return whole.rfind(got.result, 0) == 0 ? std::string() : "read " + got.result;
+    };
+  } else if ((flags & (kAccepted | kHeld | kLeftBehind)) != 0) {
+    const std::string initial = operation.initial;
+    expected.check = [flags, whole = baseline.content, initial](const Outcome& got) {
+      const std::string& left = got.content;
+      const std::size_t n = (flags & kAccepted) != 0
+                                ? std::stoul(got.result.substr(9))
+                                : left.size() - std::min(left.size(), 11 + initial.size());
+      const std::string want = (flags & kHeld) != 0 ? got.held
+                               : (flags & kAccepted) != 0
+                                   ? whole.substr(0, n) + initial.substr(n)
+                                   : ".f.XXXXXX=" + kData.substr(0, n) + ";" + initial;
+      return left == want ? std::string() : "left \"" + left + "\", want \"" + want + "\"";
+    };
+  }
   if (operation.ran) {
     ExpectOfRunner(operation, point, baseline, flags, expected);
-  }
-  if (operation.expect) {
-    operation.expect(point, baseline, expected);
   }
   return expected;
 }
@@ -363,14 +394,6 @@ std::string& Archive() {
 bool& LoggingOff() {
   static bool off = false;
   return off;
-}
-
-// Names the scratch directory, the archive and the temporary file's random suffix by fixed
-// texts, so that records and listings of different runs can be compared.
-std::string Fixed(const std::string& text, const TempDir& dir) {
-  static const std::regex suffix(R"(\.f\.[A-Za-z0-9]{6})");
-  return std::regex_replace(Replaced(Replaced(text, Archive(), "{a}"), dir.Path(), "{d}"), suffix,
-                            ".f.XXXXXX");
 }
 
 // Runs the operation with every record captured (none while logging is off), and turns what it
@@ -392,30 +415,27 @@ Outcome Observe(const Operation& operation, const TempDir& dir) {
                                                                       : "other";
     outcome.exception = std::string(type) + ": " + error.what();
   }
-  if (operation.content) {
-    outcome.content = Fixed(operation.content(dir), dir);
-  }
-  outcome.result = Fixed(outcome.result, dir);
+  const auto fixed = [&dir](const std::string& text) {
+    static const std::regex suffix(R"(\.f\.[A-Za-z0-9]{6})");
+    return std::regex_replace(Replaced(Replaced(text, Archive(), "{a}"), dir.Path(), "{d}"), suffix,
+                              ".f.XXXXXX");
+  };
+  outcome.content = fixed(operation.content ? operation.content(dir) : outcome.content);
+  outcome.result = fixed(outcome.result);
   for (const std::string& record : testing::Described(log.Records())) {
-    outcome.records.push_back(Fixed(record, dir));
+    outcome.records.push_back(fixed(record));
   }
   return outcome;
 }
 
-// A check that the operation left exactly want behind.
-Check Holds(std::string want) {
-  return [want = std::move(want)](const Outcome& got) {
-    return got.content == want ? std::string()
-                               : "left \"" + got.content + "\", want \"" + want + "\"";
-  };
-}
-
-// A check that the outcome's text (the result, or what was read) begins whole.
-Check Begins(std::string whole, std::string Outcome::*text) {
-  return [whole = std::move(whole), text](const Outcome& got) {
-    return whole.compare(0, (got.*text).size(), got.*text) == 0 ? std::string()
-                                                                : "read \"" + got.*text + "\"";
-  };
+// The outcome of a run without faults, and the calls it made.
+Outcome Baseline(const Operation& operation, std::vector<Call>& trace) {
+  const TempDir dir;
+  StartRecording();
+  const Outcome baseline = Observe(operation, dir);
+  trace = Recorded();
+  Reset();
+  return baseline;
 }
 
 // An operation whose whole outcome is what query returns.
@@ -436,147 +456,54 @@ void ReadToEnd(std::streambuf& buffer, std::string& into) {
 
 // --- File ------------------------------------------------------------------------------------
 
-const std::string kOriginal = "abcdefghijklmnop";
-const std::string kData = "0123456789A";
-
 // An operation on a File over f in the scratch directory (holding kOriginal), or in memory:
 // opens it with options (on the durable layer when durable), lets use work on it, and destroys
 // it; each step announces its phase. Its content is f afterwards.
 Operation OnFile(std::string name, File::Options options,
-                 std::function<void(std::streambuf&, Outcome&, const std::string& f)> use,
-                 bool durable = false) {
-  Operation operation{std::move(name), [options, use, durable](const TempDir& dir, Outcome& out) {
-                        const Path path(dir.WriteFile("f", kOriginal));
-                        File::Options opened = options;
-                        opened.path = options.inMemory ? nullptr : &path;
-                        SetPhase(kOpen);
-                        auto file = std::make_unique<File>(
-                            opened, durable ? std::make_unique<DurableLinuxApi>() : nullptr);
-                        SetPhase(kUse);
-                        use(*file, out, dir / "f");
-                        SetPhase(kClose);
-                        file.reset();
-                      }};
-  operation.content = [](const TempDir& dir) { return testing::ReadWholeFile(dir / "f"); };
-  operation.mustCall = durable ? F::fdatasync : F::count;
-  return operation;
+                 std::function<void(std::streambuf&, Outcome&)> use, bool durable = false) {
+  return {std::move(name),
+          [options, use, durable](const TempDir& dir, Outcome& out) {
+            const Path path(dir.WriteFile("f", kOriginal));
+            File::Options opened = options;
+            opened.path = options.inMemory ? nullptr : &path;
+            SetPhase(kOpen);
+            auto file = std::make_unique<File>(
+                opened, durable ? std::make_unique<DurableLinuxApi>() : nullptr);
+            SetPhase(kUse);
+            use(*file, out);
+            out.held = testing::ReadWholeFile(dir / "f");
+            SetPhase(kClose);
+            file.reset();
+          },
+          [](const TempDir& dir) { return testing::ReadWholeFile(dir / "f"); },
+          kOriginal,
+          false,
+          durable ? F::fdatasync : F::count};
 }
 
 // Reads the whole file through a File with a get area of bufferSize, a character at a time.
 Operation FileRead(std::uint32_t bufferSize) {
-  Operation operation = OnFile("File read, get area " + std::to_string(bufferSize),
-                               testing::Buffers(bufferSize, 0, true, false),
-                               [](std::streambuf& buffer, Outcome& out, const std::string&) {
-                                 ReadToEnd(buffer, out.result);
-                               });
-  operation.expect = [](const Point& point, const Outcome&, Expected& expected) {
-    if (point.phase == kUse && point.function != F::syncfs) {
-      // A failed refill ends the reading early; what was read is the file's beginning.
-      expected.result.reset();
-      expected.check = Begins(kOriginal, &Outcome::result);
-    }
-  };
-  return operation;
+  return OnFile("File read, get area " + std::to_string(bufferSize),
+                testing::Buffers(bufferSize, 0, true, false),
+                [](std::streambuf& buffer, Outcome& out) { ReadToEnd(buffer, out.result); });
 }
 
 // Writes kData over kOriginal through a write-only File with a put area of bufferSize (on the
-// durable layer when durable is set), flushes when flush is set, and destroys the File. Every
-// byte the stream accepted must reach the file exactly once, at its own offset; only a failure
-// in the destructor's own flush loses what it held. The durable layer's sync fails as syncfs does.
+// durable layer when durable is set), flushes when flush is set, and destroys the File.
 Operation FileWrite(std::uint32_t bufferSize, bool flush, bool durable = false) {
-  Operation operation = OnFile(
+  return OnFile(
       "File write, put area " + std::to_string(bufferSize) + (flush ? ", flushed" : "") +
           (durable ? ", durable layer" : ""),
       testing::Buffers(0, bufferSize, false, true),
-      [flush](std::streambuf& buffer, Outcome& out, const std::string& name) {
-        out.result = "accepted " + std::to_string(buffer.sputn(
-                                       kData.data(), static_cast<std::streamsize>(kData.size())));
+      [flush](std::streambuf& buffer, Outcome& out) {
+        const auto size = static_cast<std::streamsize>(kData.size());
+        out.result = "accepted " + std::to_string(buffer.sputn(kData.data(), size));
         if (flush) {
           SetPhase(kFlush);
           out.result += buffer.pubsync() == 0 ? ", flushed" : ", flush failed";
         }
-        out.contentBefore = testing::ReadWholeFile(name);
       },
       durable);
-  operation.expect = [](const Point& point, const Outcome&, Expected& expected) {
-    if (!expected.exception.empty()) {
-      expected.check = Holds(kOriginal);
-      return;
-    }
-    const bool output = point.function == F::lseek || point.function == F::write;
-    if (output && point.phase == kUse) {
-      expected.result.reset();
-    } else if (output && point.phase == kFlush) {
-      expected.result = "accepted " + std::to_string(kData.size()) + ", flush failed";
-    }
-    const bool losesHeld = output && point.phase == kClose;
-    expected.check = [losesHeld](const Outcome& got) {
-      const std::size_t accepted = std::stoul(got.result.substr(9));
-      const std::string want =
-          losesHeld ? got.contentBefore : kData.substr(0, accepted) + kOriginal.substr(accepted);
-      return got.content == want ? std::string() : "file holds " + got.content + ", want " + want;
-    };
-  };
-  return operation;
-}
-
-// Over a File open for reading and writing with areas of 4: writes "012", flushes (which writes,
-// then reloads the get area from the file), and reads everything.
-Operation FileReadWrite() {
-  Operation operation = OnFile("File read and write, flushed", testing::Buffers(4, 4),
-                               [](std::streambuf& buffer, Outcome& out, const std::string&) {
-                                 buffer.sputn(kData.data(), 3);
-                                 SetPhase(kFlush);
-                                 out.result = buffer.pubsync() == 0 ? "flushed" : "flush failed";
-                                 SetPhase(kRead);
-                                 ReadToEnd(buffer, out.contentBefore);
-                               });
-  operation.expect = [](const Point& point, const Outcome&, Expected& expected) {
-    if (!expected.exception.empty()) {
-      return;
-    }
-    const F function = point.function;
-    const bool inFlush = point.phase == kFlush;
-    // A flush fails at its write (its first lseek), input sync, or refill (its second).
-    const bool outputFails =
-        inFlush && (function == F::write || (function == F::lseek && point.inPhase == 1));
-    if (inFlush && (outputFails || function == F::read ||
-                    ((function == F::lseek || function == F::syncfs) && point.inPhase == 2))) {
-      expected.result = "flush failed";
-    }
-    // Until the destructor writes them, bytes a failed flush kept are not in the file.
-    const std::string written = kData.substr(0, 3) + kOriginal.substr(3);
-    const std::string read = outputFails ? kOriginal : written;
-    const bool readCut = point.phase == kRead;
-    expected.check = [written, read, readCut](const Outcome& got) {
-      return got.content == written &&
-                     read.compare(0, got.contentBefore.size(), got.contentBefore) == 0 &&
-                     (readCut || got.contentBefore.size() == read.size())
-                 ? std::string()
-                 : "file holds " + got.content + ", read " + got.contentBefore + ", want " + read;
-    };
-  };
-  return operation;
-}
-
-Operation FileInMemory() {
-  File::Options options = testing::Buffers(4, 8);
-  options.inMemory = true;
-  return OnFile("File in memory", options,
-                [](std::streambuf& buffer, Outcome& out, const std::string&) {
-                  out.result = std::to_string(buffer.sputn("hello", 5));
-                });
-}
-
-// CreateFile on a missing name (recreate false) or RecreateFile on a file with contents; the
-// result ends with what the name then holds.
-Operation CreateOrRecreate(bool recreate) {
-  return Query(recreate ? "File::RecreateFile" : "File::CreateFile", [recreate](
-                                                                         const TempDir& dir) {
-    const std::string name = recreate ? dir.WriteFile("f", kOriginal) : dir / "new";
-    const bool done = recreate ? File::RecreateFile(name) : File::CreateFile(name);
-    return Flag(done) + ", " + (std::ifstream(name) ? testing::ReadWholeFile(name) : "(missing)");
-  });
 }
 
 // --- AtomicFile ------------------------------------------------------------------------------
@@ -585,67 +512,45 @@ enum class Ending { Commit, Cancel, Destroy };
 
 // Replaces a/f (holding kOriginal when existing is set, else missing) through an AtomicFile with
 // a buffer of bufferSize: writes kData in four pieces, then commits, cancels or is destroyed.
-// Output after Commit or Cancel must fail. Its content is every entry of a/ afterwards, as
-// "name=content;" in name order.
+// Output after Commit or Cancel must fail. Its content is every entry of a/, as "name=content;"
+// in name order.
 Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) {
   const char* const endings[] = {"Commit", "Cancel", "destruction"};
-  Operation operation{
-      std::string("AtomicFile, ") + endings[static_cast<int>(ending)] + ", " +
-          (existing ? "existing" : "new") + " target, buffer " + std::to_string(bufferSize),
-      [existing, bufferSize, ending](const TempDir& dir, Outcome& out) {
-        dir.MakeDir("a");
-        const std::string target = existing ? dir.WriteFile("a/f", kOriginal) : dir / "a/f";
-        SetPhase(kOpen);
-        auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
-        SetPhase(kUse);
-        // A put that finds a buffer of 4 full, then pieces that fit and that do not.
-        *file << "0123";
-        file->put('4');
-        *file << "567"
-              << "89A";
-        out.result = file->good() ? "written" : "bad";
-        SetPhase(kFlush);
-        if (ending == Ending::Commit) {
-          out.result += file->Commit() ? ", committed" : ", not committed";
-        } else if (ending == Ending::Cancel) {
-          file->Cancel();
-        }
-        if (ending != Ending::Destroy) {
-          *file << 'x';
-          out.result += file->bad() ? ", bad" : ", good";
-        }
-        SetPhase(kClose);
-        file.reset();
-      }};
-  operation.content = [](const TempDir& dir) {
-    std::string entries;
-    for (const std::string& name : testing::ListTree(dir / "a")) {
-      entries += name + "=" + testing::ReadWholeFile(dir / "a/" + name) + ";";
-    }
-    return entries;
-  };
-  operation.expect = [existing, ending](const Point& point, const Outcome&, Expected& expected) {
-    const std::string before = existing ? "f=" + kOriginal + ";" : "";
-    const std::string after = "f=" + kData + ";";
-    const std::string record = expected.records.empty() ? "" : expected.records.front();
-    const bool failed = !expected.exception.empty() || record.rfind("Fail", 0) == 0;
-    expected.check =
-        Holds(record.find("in place") != std::string::npos || (ending == Ending::Commit && !failed)
-                  ? after
-                  : before);
-    if (point.function == F::remove) {
-      // It holds a prefix of what was written: the bytes drained before the end.
-      expected.check = [before](const Outcome& got) {
-        const std::string left = ".f.XXXXXX=";
-        const std::size_t size =
-            got.content.size() - std::min(got.content.size(), left.size() + 1 + before.size());
-        return got.content == left + kData.substr(0, size) + ";" + before
-                   ? std::string()
-                   : "a/ holds " + got.content;
-      };
-    }
-  };
-  return operation;
+  return {std::string("AtomicFile, ") + endings[static_cast<int>(ending)] + ", " +
+              (existing ? "existing" : "new") + " target, buffer " + std::to_string(bufferSize),
+          [existing, bufferSize, ending](const TempDir& dir, Outcome& out) {
+            dir.MakeDir("a");
+            const std::string target = existing ? dir.WriteFile("a/f", kOriginal) : dir / "a/f";
+            SetPhase(kOpen);
+            auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
+            SetPhase(kUse);
+            // A put that finds a buffer of 4 full, then pieces that fit and that do not.
+            *file << "0123";
+            file->put('4');
+            *file << "567"
+                  << "89A";
+            out.result = file->good() ? "written" : "bad";
+            SetPhase(kFlush);
+            if (ending == Ending::Commit) {
+              out.result += file->Commit() ? ", committed" : ", not committed";
+            } else if (ending == Ending::Cancel) {
+              file->Cancel();
+            }
+            if (ending != Ending::Destroy) {
+              *file << 'x';
+              out.result += file->bad() ? ", bad" : ", good";
+            }
+            SetPhase(kClose);
+            file.reset();
+          },
+          [](const TempDir& dir) {
+            std::string entries;
+            for (const std::string& name : testing::ListTree(dir / "a")) {
+              entries += name + "=" + testing::ReadWholeFile(dir / "a/" + name) + ";";
+            }
+            return entries;
+          },
+          existing ? "f=" + kOriginal + ";" : ""};
 }
 
 // --- Directory -------------------------------------------------------------------------------
@@ -669,40 +574,6 @@ Operation CreateDirectory(bool exists) {
                });
 }
 
-Operation EmptyDirectory() {
-  return Query("Directory::EmptyDirectory", [](const TempDir& dir) {
-    dir.WriteFile("d/x", "1");
-    dir.WriteFile("d/sub/y", "2");
-    dir.WriteFile("d/.keep", "3");
-    std::string result = Flag(DirectoryOn(dir / "d")->EmptyDirectory());
-    for (const std::string& entry : testing::ListTree(dir / "d")) {
-      result += " " + entry;
-    }
-    return result;
-  });
-}
-
-// a, b, sub/c and sub/deeper/d, 100 bytes each; one subdirectory per level.
-Operation GetDirectorySize() {
-  Operation operation = Query("Directory::GetDirectorySize", [](const TempDir& dir) {
-    for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
-      dir.WriteFile(name, std::string(100, 'x'));
-    }
-    return std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
-  });
-  operation.expect = [](const Point& point, const Outcome&, Expected& expected) {
-    if (point.function == F::readdir) {
-      // A failed readdir ends its directory early: a smaller sum of whole files.
-      expected.result.reset();
-      expected.check = [](const Outcome& got) {
-        const unsigned long sum = std::stoul(got.result);
-        return sum <= 400 && sum % 100 == 0 ? std::string() : "sum " + got.result;
-      };
-    }
-  };
-  return operation;
-}
-
 // GetFileSystemUsedSize or GetPercentageUsed of "/", whose only call is its statfs.
 Operation StatisticsQuery(bool percentage) {
   return Query(percentage ? "Directory::GetPercentageUsed" : "Directory::GetFileSystemUsedSize",
@@ -716,14 +587,6 @@ Operation StatisticsQuery(bool percentage) {
 }
 
 // --- Tar -------------------------------------------------------------------------------------
-
-std::string Joined(const std::vector<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names) {
-    text += name + ";";
-  }
-  return text;
-}
 
 // A runner's result: its output, then '|' and the status.
 Outcome Listed(const std::string& output, int status) {
@@ -748,9 +611,9 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
         const auto [output, status] = runner->RunCmd(args);
         out.result = output + "|" + std::to_string(status);
       }};
+  operation.failsWithoutFaults = tarFails;
   operation.tar = "tar -tf " + archive;
   operation.ran = Listed;
-  operation.failsWithoutFaults = tarFails;
   return operation;
 }
 
@@ -770,71 +633,66 @@ Operation RunCmdTimesOut() {
                           out.result = std::string("threw ") + error.what();
                         }
                       }};
+  operation.failsWithoutFaults = true;
   operation.tar = "tar -tf {d}/fifo.tar";
   operation.ran = Listed;
   operation.output = "";
-  operation.failsWithoutFaults = true;
   return operation;
 }
 
 // Untar's what on the shared archive, through TarApi, or through StreamingTarApi when
-// streaming is set: use gives the result.
+// streaming is set: use gives the result, ran what it gives for tar's output and status.
 Operation OnArchive(const std::string& what, bool streaming,
-                    std::function<std::string(Untar&, const TempDir&, Outcome&)> use) {
-  return {"Untar::" + what + (streaming ? ", streaming" : ""),
-          [streaming, use](const TempDir& dir, Outcome& out) {
-            SetPhase(kOpen);
-            Untar untar(std::make_shared<Path>(Archive()),
-                        streaming ? std::make_shared<StreamingTarApi>() : nullptr);
-            SetPhase(kUse);
-            out.result = use(untar, dir, out);
-          }};
+                    std::function<std::string(Untar&, const TempDir&, Outcome&)> use,
+                    std::string tar, std::string output,
+                    std::function<Outcome(const std::string&, int)> ran) {
+  Operation operation{"Untar::" + what + (streaming ? ", streaming" : ""),
+                      [streaming, use](const TempDir& dir, Outcome& out) {
+                        SetPhase(kOpen);
+                        Untar untar(std::make_shared<Path>(Archive()),
+                                    streaming ? std::make_shared<StreamingTarApi>() : nullptr);
+                        SetPhase(kUse);
+                        out.result = use(untar, dir, out);
+                      }};
+  operation.tar = std::move(tar);
+  operation.ran = std::move(ran);
+  operation.output = std::move(output);
+  return operation;
 }
 
 // Untar::FileList through either runner: the names but the directories'.
 Operation FileList(bool streaming) {
-  Operation operation =
-      OnArchive("FileList", streaming,
-                [](Untar& untar, const TempDir&, Outcome&) { return Joined(untar.FileList()); });
-  operation.tar = "tar -tf {a}";
-  operation.output = "one\ndir/\ndir/two\n";
-  operation.ran = [](const std::string& output, int status) {
-    std::string names;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-      names += line.empty() || line.back() == '/' ? "" : line + ";";
-    }
-    return status == 0
-               ? Outcome{names}
-               : Outcome{"",
-                         "",
-                         {"DoFileList 3/0x8027: Tar command failed: " + std::to_string(status) +
-                          ", " + output}};
-  };
-  return operation;
+  return OnArchive(
+      "FileList", streaming,
+      [](Untar& untar, const TempDir&, Outcome&) { return Joined(untar.FileList()); },
+      "tar -tf {a}", "one\ndir/\ndir/two\n",
+      [](const std::string& output, int status) {
+        std::string names;
+        std::istringstream lines(output);
+        for (std::string line; std::getline(lines, line);) {
+          names += line.empty() || line.back() == '/' ? "" : line + ";";
+        }
+        return status == 0
+                   ? Outcome{names}
+                   : Outcome{"",
+                             "",
+                             {"DoFileList 3/0x8027: Tar command failed: " + std::to_string(status) +
+                              ", " + output}};
+      });
 }
 
-// Untar::Extract through either runner; its content is what it extracted.
+// Untar::Extract through either runner; its content is what it extracted (tar writes nothing).
 Operation Extract(bool streaming) {
-  Operation operation =
-      OnArchive("Extract", streaming, [](Untar& untar, const TempDir& dir, Outcome& out) {
+  return OnArchive(
+      "Extract", streaming,
+      [](Untar& untar, const TempDir& dir, Outcome& out) {
         const std::string destination = dir.MakeDir("out");
         const int status = untar.Extract(std::make_shared<Path>(destination));
         out.content = Joined(testing::ListTree(destination));
         return std::to_string(status);
-      });
-  operation.tar = "tar --warning=no-timestamp -xf {a} -C {d}/out";
-  operation.output = "";
-  operation.ran = [](const std::string&, int status) { return Outcome{std::to_string(status)}; };
-  operation.expect = [](const Point& point, const Outcome& baseline, Expected& expected) {
-    // A failed run extracts nothing; but tar, killed when whether it runs could not be read, may
-    // have extracted some entries.
-    if (!expected.checkDecides && expected.exception.empty() &&
-        (point.function != F::read || expected.result == baseline.result)) {
-      expected.check = Holds(expected.result == baseline.result ? baseline.content : "");
-    }
-  };
-  return operation;
+      },
+      "tar --warning=no-timestamp -xf {a} -C {d}/out", "",
+      [](const std::string&, int status) { return Outcome{std::to_string(status)}; });
 }
 
 // Every operation of the library that the sweep covers; adding one is adding an entry.
@@ -853,37 +711,65 @@ std::vector<Operation> Operations() {
     operations.push_back(FileRead(size));
     operations.push_back(FileWrite(size, true));
   }
+  File::Options inMemory = testing::Buffers(4, 8);
+  inMemory.inMemory = true;
   for (Operation operation :
-       {FileWrite(4, false),
-        FileWrite(4, true, true),
-        FileReadWrite(),
-        FileInMemory(),
-        CreateOrRecreate(false),
-        CreateOrRecreate(true),
+       {FileWrite(4, false), FileWrite(4, true, true),
+        // Writes "012", flushes (which writes, then reloads the get area), reads everything.
+        OnFile("File read and write, flushed", testing::Buffers(4, 4),
+               [](std::streambuf&buffer, Outcome&out) {
+                 buffer.sputn(kData.data(), 3);
+                 SetPhase(kFlush);
+                 out.result = buffer.pubsync() == 0 ? "flushed, " : "flush failed, ";
+                 SetPhase(kRead);
+                 ReadToEnd(buffer, out.result);
+               }),
+        OnFile("File in memory", inMemory,
+               [](std::streambuf&buffer, Outcome&out) {
+                 out.result = std::to_string(buffer.sputn("hello", 5));
+               }),
+        // CreateFile on a missing name, RecreateFile on a file with contents; then what it holds.
+        Query("File::CreateFile",
+              [](const TempDir&dir) {
+                const bool done = File::CreateFile(dir / "new");
+                return Flag(done) + ", " +
+                       (std::ifstream(dir / "new") ? testing::ReadWholeFile(dir / "new")
+                                                   : "(missing)");
+              }),
+        Query("File::RecreateFile",
+              [](const TempDir&dir) {
+                const std::string name = dir.WriteFile("f", kOriginal);
+                return Flag(File::RecreateFile(name)) + ", " + testing::ReadWholeFile(name);
+              }),
         Query("File::GetFileSize",
-              [](const TempDir& dir) {
+              [](const TempDir&dir) {
                 return std::to_string(File::GetFileSize(dir.WriteFile("f", kOriginal)));
               }),
-        AtomicReplace(true, 4, Ending::Commit),
-        AtomicReplace(false, 0, Ending::Commit),
-        AtomicReplace(true, 64, Ending::Commit),
-        AtomicReplace(true, 4, Ending::Cancel),
-        AtomicReplace(true, 4, Ending::Destroy),
-        CreateDirectory(false),
-        CreateDirectory(true),
-        EmptyDirectory(),
-        GetDirectorySize(),
-        StatisticsQuery(false),
-        StatisticsQuery(true),
-        RunCmd(false),
-        FileList(false),
-        Extract(false),
-        RunCmd(true),
-        RunCmd(true, true),
-        RunCmd(true, false, true),
-        RunCmdTimesOut(),
-        FileList(true),
-        Extract(true)}) {
+        AtomicReplace(true, 4, Ending::Commit), AtomicReplace(false, 0, Ending::Commit),
+        AtomicReplace(true, 64, Ending::Commit), AtomicReplace(true, 4, Ending::Cancel),
+        AtomicReplace(true, 4, Ending::Destroy), CreateDirectory(false), CreateDirectory(true),
+        Query("Directory::EmptyDirectory",
+              [](const TempDir&dir) {
+                for (const char* name : {"d/x", "d/sub/y", "d/.keep"}) {
+                  dir.WriteFile(name, "1");
+                }
+                std::string result = Flag(DirectoryOn(dir / "d")->EmptyDirectory());
+                for (const std::string& entry : testing::ListTree(dir / "d")) {
+                  result += " " + entry;
+                }
+                return result;
+              }),
+        // a, b, sub/c and sub/deeper/d, 100 bytes each; one subdirectory per level.
+        Query("Directory::GetDirectorySize",
+              [](const TempDir&dir) {
+                for (const char* name : {"t/a", "t/b", "t/sub/c", "t/sub/deeper/d"}) {
+                  dir.WriteFile(name, std::string(100, 'x'));
+                }
+                return std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
+              }),
+        StatisticsQuery(false), StatisticsQuery(true), RunCmd(false), FileList(false),
+        Extract(false), RunCmd(true), RunCmd(true, true), RunCmd(true, false, true),
+        RunCmdTimesOut(), FileList(true), Extract(true)}) {
     operations.push_back(std::move(operation));
   }
   return operations;
@@ -891,136 +777,115 @@ std::vector<Operation> Operations() {
 
 // --- The harness -----------------------------------------------------------------------------
 
+// What differs between what is expected and what got is; empty when nothing does.
 std::string Compare(const Expected& expected, const Outcome& got) {
   std::string problems;
   const auto differ = [&problems](const char* what, const std::string& is,
-                                  const std::string& want) {
-    if (is != want) {
-      problems += " " + std::string(what) + " \"" + is + "\", want \"" + want + "\";";
+                                  const std::optional<std::string>& want) {
+    if (want && is != *want) {
+      problems += " " + std::string(what) + " \"" + is + "\", want \"" + *want + "\";";
     }
   };
   if (!expected.checkDecides) {
-    differ("result", got.result, expected.result.value_or(got.result));
+    differ("result", got.result, expected.result);
     differ("exception", got.exception, expected.exception);
     differ("records", Joined(got.records), Joined(expected.records));
-    differ("errno", std::to_string(got.errorAfter),
-           std::to_string(expected.errorAfter.value_or(got.errorAfter)));
+    differ("content", got.content, expected.content);
+    if (expected.errorAfter) {
+      differ("errno", std::to_string(got.errorAfter), std::to_string(*expected.errorAfter));
+    }
   }
   const std::string problem = expected.check ? expected.check(got) : "";
   return problem.empty() ? problems : problems + " " + problem + ";";
 }
 
-// Runs the operation once with the point's fault (with every log level disabled when quiet);
-// returns an empty text when all was as expected, else what was wrong.
-std::string RunOnce(const Operation& operation, const Point& point, const Outcome& baseline,
-                    bool quiet) {
-  const int descriptors = testing::CountOpenDescriptors();
-  const TempDir dir;
-  LoggingOff() = quiet;
-  Arm(point.function, point.call, point.error);
-  const Outcome got = Observe(operation, dir);
-  const bool fired = Fired();
-  Reset();
-  LoggingOff() = false;
-  Expected expected = ExpectedOf(operation, point, baseline);
-  if (quiet) {
-    // Logging never changes an operation's result; an outcome of several forms is told apart by
-    // its records, so there only their absence is checked.
-    expected.records.clear();
-    if (expected.checkDecides) {
-      expected.check = [](const Outcome& got) {
-        return got.records.empty() ? std::string() : "a record while logging is off";
-      };
-    }
-  }
-  std::string problems = Compare(expected, got);
-  if (!fired && !expected.mayNotFire) {
-    problems += " the fault was never delivered;";
-  }
-  if (testing::HasChildProcesses()) {
-    problems += expected.childMayRemain ? "" : " a child process was left behind;";
-    while (::waitpid(-1, nullptr, __WALL) > 0) {
-    }
-  }
-  if (testing::CountOpenDescriptors() != descriptors) {
-    problems += " a descriptor was left open;";
-  }
-  return problems;
-}
-
-// Runs one point in a forked child, as it is and with logging off; returns an empty text when
-// it passed, else what was wrong.
-std::string RunPoint(const Operation& operation, const Point& point, const Outcome& baseline) {
+// Runs one point in a forked child, as it is and then with every log level disabled (which
+// must change nothing but the records); the child prints what was wrong after label, when
+// there is one. Whether the point passed.
+bool RunPoint(const Operation& operation, const Point& point, const Outcome& baseline,
+              const std::string& label) {
   std::fflush(nullptr);
-  int report[2];
-  if (::pipe2(report, O_CLOEXEC) != 0) {
-    return "no pipe for the report";
-  }
   const int status = testing::RunInChild([&] {
-    ::close(report[0]);
     ::alarm(20);
-    std::string problems = RunOnce(operation, point, baseline, false);
-    const std::string quietProblems = RunOnce(operation, point, baseline, true);
-    problems += quietProblems.empty() ? "" : " with logging off:" + quietProblems;
-    // The parent reads only after this child has ended: the report must fit the pipe.
-    problems.resize(std::min<std::size_t>(problems.size(), 4096));
-    const ssize_t written = ::write(report[1], problems.data(), problems.size());
+    std::string problems;
+    for (const bool quiet : {false, true}) {
+      const int descriptors = testing::CountOpenDescriptors();
+      const TempDir dir;
+      LoggingOff() = quiet;
+      Arm(point.function, point.call, point.error);
+      const Outcome got = Observe(operation, dir);
+      const bool fired = Fired();
+      Reset();
+      Expected expected = ExpectedOf(operation, point, baseline);
+      if (quiet) {
+        // An outcome of several forms is told apart by its records: only their absence counts.
+        expected.records.clear();
+        if (expected.checkDecides) {
+          expected.check = [](const Outcome& got) {
+            return got.records.empty() ? std::string() : "a record while logging is off";
+          };
+        }
+      }
+      std::string found = Compare(expected, got);
+      found += fired || expected.mayNotFire ? "" : " the fault was never delivered;";
+      if (testing::HasChildProcesses()) {
+        found += expected.childMayRemain ? "" : " a child process was left behind;";
+        while (::waitpid(-1, nullptr, __WALL) > 0) {
+        }
+      }
+      found += testing::CountOpenDescriptors() == descriptors ? "" : " a descriptor was left open;";
+      problems += quiet && !found.empty() ? " with logging off:" + found : found;
+    }
+    if (!problems.empty() && !label.empty()) {
+      std::cout << "FAILED " << label << ":" << problems << std::endl;
+    }
     Exiting();
 #ifdef DRX_SWEEP_EXIT_WRITES_COVERAGE
     // A coverage build's counters, the library's included, are written by exit; _exit, which
     // ends the child otherwise, would drop them.
-    std::exit(written == static_cast<ssize_t>(problems.size()) ? 0 : 1);
+    std::exit(problems.empty() ? 0 : 1);
 #endif
-    return written == static_cast<ssize_t>(problems.size());
+    return problems.empty();
   });
-  ::close(report[1]);
-  std::string problems;
-  char chunk[4096];
-  for (ssize_t n; (n = ::read(report[0], chunk, sizeof chunk)) > 0;) {
-    problems.append(chunk, static_cast<std::size_t>(n));
+  if (status != 0 && status != 1 && !label.empty()) {
+    std::cout << "FAILED " << label << ": the point's child crashed or hung (status " << status
+              << ")" << std::endl;
   }
-  ::close(report[0]);
-  return status == 0 ? problems
-                     : " the point's child crashed, hung or failed to report (status " +
-                           std::to_string(status) + ");" + problems;
+  return status == 0;
 }
 
 // The checks must be able to fail: where the operation as it is passes, a run that loses a
 // byte, one that leaves a descriptor open, one that leaves a child process behind and a
 // replacement that leaves its temporary file must each be reported.
 bool HarnessSeesFaults() {
+  std::vector<Call> trace;
   const Operation write = FileWrite(4, true);
   const Operation replace = AtomicReplace(true, 4, Ending::Commit);
+  const Outcome written = Baseline(write, trace);
+  const Outcome replaced = Baseline(replace, trace);
   const Point writing{F::write, 1, 1, kUse, EIO};
   const Point syncing{F::fsync, 1, 1, kFlush, EIO};
-  if (!RunPoint(write, writing, Outcome()).empty() ||
-      !RunPoint(replace, syncing, Outcome()).empty()) {
-    return false;
-  }
   Operation losing = write;
-  losing.content = [write](const TempDir& dir) { return write.content(dir).substr(1); };
   Operation leaking = write;
+  Operation forking = write;
+  Operation leaving = replace;
+  losing.content = [write](const TempDir& dir) { return write.content(dir).substr(1); };
   leaking.run = [write](const TempDir& dir, Outcome& out) {
     ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     write.run(dir, out);
   };
-  Operation forking = write;
   forking.run = [write](const TempDir& dir, Outcome& out) {
     if (::fork() == 0) {
       ::_exit(0);
     }
     write.run(dir, out);
   };
-  Operation leaving = replace;
   leaving.content = [replace](const TempDir& dir) {
     return ".f.XXXXXX=0123;" + replace.content(dir);
   };
-  for (const Operation* faulty : {&losing, &leaking, &forking}) {
-    if (RunPoint(*faulty, writing, Outcome()).empty()) {
-      return false;
-    }
-  }
-  return !RunPoint(leaving, syncing, Outcome()).empty();
+  return RunPoint(write, writing, written, "") && RunPoint(replace, syncing, replaced, "") &&
+         !RunPoint(losing, writing, written, "") && !RunPoint(leaking, writing, written, "") &&
+         !RunPoint(forking, writing, written, "") && !RunPoint(leaving, syncing, replaced, "");
 }
 
 int Main(int argc, char** argv) {
@@ -1035,13 +900,10 @@ int Main(int argc, char** argv) {
   shared.WriteFile("src/one", "1");
   shared.WriteFile("src/dir/two", "22");
   Archive() = shared / "archive.tar";
-  if (std::system(("tar -cf " + Archive() + " -C " + shared / "src" + " one dir").c_str()) != 0) {
-    std::cerr << "fault sweep: could not make the archive\n";
-    return 1;
-  }
-  if (!HarnessSeesFaults()) {
-    std::cout << "fault sweep: the harness does not see a lost byte, a leaked descriptor, a "
-                 "child or a temporary file left behind\n";
+  if (std::system(("tar -cf " + Archive() + " -C " + shared / "src" + " one dir").c_str()) != 0 ||
+      !HarnessSeesFaults()) {
+    std::cout << "fault sweep: no archive, or the harness does not see a lost byte, a leaked "
+                 "descriptor, a child or a temporary file left behind\n";
     return 1;
   }
   std::ostringstream markdown;
@@ -1052,15 +914,8 @@ int Main(int argc, char** argv) {
     if (operation.name.find(options["--only"]) == std::string::npos) {
       continue;
     }
-    Outcome baseline;
     std::vector<Call> trace;
-    {
-      const TempDir dir;
-      StartRecording();
-      baseline = Observe(operation, dir);
-      trace = Recorded();
-      Reset();
-    }
+    const Outcome baseline = Baseline(operation, trace);
     std::size_t operationFailed = 0;
     const auto fail = [&operation, &operationFailed](const std::string& what) {
       std::cout << "FAILED " << operation.name << ": " << what << "\n";
@@ -1076,13 +931,14 @@ int Main(int argc, char** argv) {
       const long number = ++seen[call.function];
       const long inPhase = ++seenInPhase[{call.function, call.phase}];
       for (const int error : Errnos(call.function)) {
-        const std::string problems =
-            RunPoint(operation, Point{call.function, number, inPhase, call.phase, error}, baseline);
         ++operationPoints;
-        if (!problems.empty()) {
-          fail(std::string(Name(call.function)) + " call " + std::to_string(number) + " (phase " +
-               std::to_string(call.phase) + ") with " + strerrorname_np(error) + ":" + problems);
-        }
+        operationFailed +=
+            RunPoint(operation, {call.function, number, inPhase, call.phase, error}, baseline,
+                     operation.name + ": " + Name(call.function) + " call " +
+                         std::to_string(number) + " (phase " + std::to_string(call.phase) +
+                         ") with " + strerrorname_np(error))
+                ? 0
+                : 1;
       }
     }
     if (operation.mustCall != F::count && seen.count(operation.mustCall) == 0) {
