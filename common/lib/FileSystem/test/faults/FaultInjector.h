@@ -8,8 +8,6 @@
 #pragma once
 
 #include <cerrno>
-#include <cstddef>
-#include <string>
 #include <vector>
 
 namespace drn::faults {
@@ -38,8 +36,6 @@ namespace drn::faults {
 #define DRX_FAULT_ENUMERATOR(name, ...) name,
 enum class Function { DRX_FAULT_FUNCTIONS(DRX_FAULT_ENUMERATOR) count };
 #undef DRX_FAULT_ENUMERATOR
-
-constexpr std::size_t kFunctionCount = static_cast<std::size_t>(Function::count);
 
 const char* Name(Function function);
 const std::vector<int>& Errnos(Function function);
