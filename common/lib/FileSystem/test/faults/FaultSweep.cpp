@@ -27,42 +27,38 @@ namespace {
 
 using testing::TempDir;
 using F = Function;
+using Texts = std::vector<std::string>;
 
 // Phases an operation announces, so that a row can tell where a call was made.
 enum Phase : int { kAny = 0, kOpen, kUse, kFlush, kClose, kRead };
 
-// What one run of an operation showed. Its texts name the point's scratch directory {d}, the
-// shared archive {a} and the temporary file's random name .f.XXXXXX, so that runs compare.
+// What one run of an operation showed: its result and records; the exception it threw ("type:
+// message"); what it left behind (taken even after a throw); a File's file before the File was
+// destroyed. Its texts name the point's scratch directory {d}, the shared archive {a} and the
+// temporary file's random name .f.XXXXXX, so that runs compare.
 struct Outcome {
   std::string result;
-  std::string exception = {};  // "type: message", empty when none was thrown
-  std::vector<std::string> records = {};
+  Texts records = {};
+  std::string exception = {}, content = {}, held = {};
   int errorAfter = 0;
-  std::string content = {};  // what the operation left behind, taken even after a throw
-  std::string held = {};     // a File's file before the File was destroyed
 };
 
 // One failure point: the call-th call of function (the inPhase-th within its phase) fails.
 struct Point {
   Function function;
-  long call;
-  long inPhase;
-  int phase;
-  int error;
+  long call, inPhase;
+  int phase, error;
 };
 
-// What the contract gives for a point; unset fields are not compared.
+// What the contract gives for a point; unset fields are not compared. check: further checks,
+// which alone decide when checkDecides is set (an outcome of several forms); mayNotFire: the
+// number of such calls depends on timing.
 struct Expected {
-  std::optional<std::string> result;
-  std::string exception;
-  std::vector<std::string> records;
-  std::optional<int> errorAfter;
-  std::optional<std::string> content;
-  // Further checks: a description of what is wrong, empty when nothing is.
+  std::optional<std::string> result = {}, content = {}, errorAfter = {};
+  std::string exception = {};
+  Texts records = {};
   std::function<std::string(const Outcome&)> check = {};
-  bool checkDecides = false;  // the outcome takes one of several forms: only check decides
-  bool mayNotFire = false;    // the number of such calls depends on timing
-  bool childMayRemain = false;
+  bool checkDecides = false, mayNotFire = false, childMayRemain = false;
 };
 
 // clang-format off
@@ -93,7 +89,7 @@ struct Row {
   int error;
   std::optional<std::string> result = {};
   std::string exception = {};
-  std::vector<std::string> records = {};
+  Texts records = {};
   int flags = 0;
   long last = 0;
 };
@@ -118,12 +114,9 @@ const std::vector<Row>& Rows() {
     {"Path::Exists", F::access, kAny, 0, 0, "true", "", {}, kErrnoZero},
     {"Path::IsDirectory", F::access, kAny, 0, ENOENT, "false"},
     {"Path::IsDirectory", F::opendir, kAny, 0, 0, "false", "", {}, kErrnoInjected},
-    {"^File (r|w)", F::access, kOpen, 1, ENOENT, {}, "invalid_argument: could not open specified path",
-     {"Impl 3/0x8010: Tried to open \"{d}/f\" but it didn't exist"}, kUntouched},
-    {"^File (r|w)", F::open, kOpen, 0, 0, {}, kIos + "Failed on kernel call to open: iostream error",
-     {"Impl 3/0x8010: failed on kernel open with {e}"}, kUntouched},
-    {"^File in memory", F::memfd_create, kAny, 0, 0, {}, kIos + "could not open in memory: iostream error",
-     {"Impl 3/0x8010: failed on ram syscall with: {e}"}, kUntouched},
+    {"^File (r|w)", F::access, kOpen, 1, ENOENT, {}, "invalid_argument: could not open specified path", {"Impl 3/0x8010: Tried to open \"{d}/f\" but it didn't exist"}, kUntouched},
+    {"^File (r|w)", F::open, kOpen, 0, 0, {}, kIos + "Failed on kernel call to open: iostream error", {"Impl 3/0x8010: failed on kernel open with {e}"}, kUntouched},
+    {"^File in memory", F::memfd_create, kAny, 0, 0, {}, kIos + "could not open in memory: iostream error", {"Impl 3/0x8010: failed on ram syscall with: {e}"}, kUntouched},
     // A failed read ends the reading early. A flush fails at its write (its first lseek), input
     // sync, or refill (its second); until the destructor writes them, bytes a failed flush kept
     // are not in the file. Every byte the stream accepted reaches the file exactly once, at its
@@ -155,17 +148,12 @@ const std::vector<Row>& Rows() {
     {"File::GetFileSize", F::stat, kAny, 0, 0, "0"},
     // An AtomicFile's constructor throws after its record and leaves nothing behind; only root may
     // give a file away, so a fchown refused otherwise lets the replacement go on as the caller's.
-    {"^AtomicFile", F::lstat, kOpen, 0, 0, {}, kIos + "AtomicFile cannot examine its path: iostream error",
-     {"Impl 3/0x8010: cannot examine {d}/a/f: {e}"}, kUntouched},
-    {"^AtomicFile", F::open, kOpen, 0, 0, {}, kIos + "AtomicFile cannot create its temporary file: iostream error",
-     {"Impl 3/0x8010: cannot create a temporary file beside {d}/a/f: {e}"}, kUntouched},
-    {"^AtomicFile", F::fchown, kOpen, 0, EIO, {}, kIos + "AtomicFile cannot set its temporary file's owner: iostream error",
-     {"KeepOwner 3/0x8010: cannot give " + kTemporary + " the owner of {d}/a/f: {e}"}, kUntouched},
+    {"^AtomicFile", F::lstat, kOpen, 0, 0, {}, kIos + "AtomicFile cannot examine its path: iostream error", {"Impl 3/0x8010: cannot examine {d}/a/f: {e}"}, kUntouched},
+    {"^AtomicFile", F::open, kOpen, 0, 0, {}, kIos + "AtomicFile cannot create its temporary file: iostream error", {"Impl 3/0x8010: cannot create a temporary file beside {d}/a/f: {e}"}, kUntouched},
+    {"^AtomicFile", F::fchown, kOpen, 0, EIO, {}, kIos + "AtomicFile cannot set its temporary file's owner: iostream error", {"KeepOwner 3/0x8010: cannot give " + kTemporary + " the owner of {d}/a/f: {e}"}, kUntouched},
     // A failed write makes the stream bad; a later Commit finds nothing to commit. A failure
     // after the rename leaves the new content in place.
-    {"^AtomicFile, Commit", F::write, kUse, 0, -EINTR, "bad, not committed, bad", "",
-     {kFailed + "write to " + kTemporary + ": {e}" + kOld,
-      "DoCommit 3/0x8010: nothing to commit for {d}/a/f: already committed, cancelled or failed"}, kUntouched},
+    {"^AtomicFile, Commit", F::write, kUse, 0, -EINTR, "bad, not committed, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld, "DoCommit 3/0x8010: nothing to commit for {d}/a/f: already committed, cancelled or failed"}, kUntouched},
     {"^AtomicFile, Cancel", F::write, kUse, 0, -EINTR, "bad, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, dest", F::write, kUse, 0, -EINTR, "bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, Commit", F::write, kFlush, 0, -EINTR, "written, not committed, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
@@ -255,6 +243,8 @@ struct Operation {
   std::optional<std::string> output = {};
 };
 
+const std::string kOriginal = "abcdefghijklmnop", kData = "0123456789A";
+
 // Replaces every from in text by to.
 std::string Replaced(std::string text, const std::string& from, const std::string& to) {
   for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
@@ -263,7 +253,7 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
-std::string Joined(const std::vector<std::string>& names) {
+std::string Joined(const Texts& names) {
   std::string text;
   for (const std::string& name : names) {
     text += name + ";";
@@ -271,76 +261,32 @@ std::string Joined(const std::vector<std::string>& names) {
   return text;
 }
 
-const std::string kOriginal = "abcdefghijklmnop";
-const std::string kData = "0123456789A";
-
-// What a tar runner's row gives: a failure's status, a run cut short, or a run as usual.
-void ExpectOfRunner(const Operation& operation, const Point& point, const Outcome& baseline,
-                    int flags, Expected& expected) {
-  const std::string output =
-      operation.output.value_or(baseline.result.substr(0, baseline.result.rfind('|')));
-  expected.childMayRemain = point.function == F::waitpid;
-  if ((flags & kStatus) != 0) {
-    const Outcome failed = operation.ran("", std::stoi(*expected.result));
-    expected.result = failed.result;
-    expected.records.insert(expected.records.end(), failed.records.begin(), failed.records.end());
-  } else if ((flags & kPlainCut) != 0) {
-    expected.result = operation.ran(output.substr(0, point.call - 1), 0).result;
-  } else if ((flags & kCut) != 0) {
-    // The output read so far, with status 0, or tar's failure to write the rest (2) and its
-    // record; a tar that fails anyway can never be seen to succeed. Or the row's failed wait.
-    expected.checkDecides = true;
-    expected.check = [&operation, output, wait = expected](const Outcome& got) {
-      bool fits = got.exception == wait.exception && got.records == wait.records;
-      for (std::size_t end = 0; end <= output.size(); ++end) {
-        for (const int status : {0, 2}) {
-          Outcome want = operation.ran(output.substr(0, end), status);
-          if (status != 0) {
-            want.records.insert(want.records.begin(),
-                                kTar + "tar returned 2,\n" + output.substr(0, end));
-          }
-          fits = fits || ((status != 0 || !operation.failsWithoutFaults) && got.exception.empty() &&
-                          got.result == want.result && got.records == want.records);
-        }
-      }
-      return fits ? std::string() : "outcome " + got.result + " " + got.exception;
-    };
-  }
-}
-
 // What the first row that fits gives the point, or the run without faults' outcome.
 Expected ExpectedOf(const Operation& operation, const Point& point, const Outcome& baseline) {
-  const std::pair<std::string, std::string> fields[] = {{"{e}", std::strerror(point.error)},
-                                                        {"{n}", std::to_string(point.error)},
-                                                        {"{s}", operation.tar},
-                                                        {"{t}", Replaced(operation.tar, " ", "")}};
-  const auto fill = [&fields](std::string text) {
-    for (const auto& [field, value] : fields) {
-      text = Replaced(text, field, value);
-    }
-    return text;
+  const auto fits = [&point, &operation](const Row& row) {
+    const int error = row.error;
+    return row.function == point.function && (row.phase == kAny || row.phase == point.phase) &&
+           (row.inPhase == 0 ||
+            (point.inPhase >= row.inPhase && point.inPhase <= std::max(row.last, row.inPhase))) &&
+           (error == 0 || error == point.error || (error < 0 && -error != point.error)) &&
+           std::regex_search(operation.name, std::regex(row.operation));
   };
-  const Row* found = nullptr;
-  for (const Row& row : Rows()) {
-    const long last = std::max(row.last, row.inPhase);
-    if (found == nullptr && row.function == point.function &&
-        (row.phase == kAny || row.phase == point.phase) &&
-        (row.inPhase == 0 || (point.inPhase >= row.inPhase && point.inPhase <= last)) &&
-        (row.error == 0 || row.error == point.error ||
-         (row.error < 0 && -row.error != point.error)) &&
-        std::regex_search(operation.name, std::regex(row.operation))) {
-      found = &row;
-    }
-  }
-  const Row& row = found != nullptr ? *found : Row{"", point.function, kAny, 0, 0};
+  const auto found = std::find_if(Rows().begin(), Rows().end(), fits);
+  const Row row = found == Rows().end() ? Row{"", point.function, kAny, 0, 0} : *found;
   const int flags = row.flags;
+  const std::string& tar = operation.tar;
+  const auto fill = [&point, &tar](const std::string& text) {
+    return Replaced(Replaced(Replaced(Replaced(text, "{e}", std::strerror(point.error)), "{n}",
+                                      std::to_string(point.error)),
+                             "{s}", tar),
+                    "{t}", Replaced(tar, " ", ""));
+  };
   const bool usual = !row.result && row.exception.empty();
-  Expected expected{row.result ? fill(*row.result) : std::optional<std::string>(),
-                    row.exception,
-                    {},
-                    {},
+  Expected expected{usual        ? baseline.result
+                    : row.result ? std::optional<std::string>(fill(*row.result))
+                                 : std::nullopt,
                     row.exception.empty() ? baseline.content : std::optional<std::string>()};
-  expected.result = usual ? baseline.result : expected.result;
+  expected.exception = row.exception;
   std::transform(row.records.begin(), row.records.end(), std::back_inserter(expected.records),
                  fill);
   if (usual) {
@@ -348,9 +294,11 @@ Expected ExpectedOf(const Operation& operation, const Point& point, const Outcom
                             baseline.records.end());
   }
   if ((flags & (kErrnoZero | kErrnoInjected)) != 0) {
-    expected.errorAfter = (flags & kErrnoZero) != 0 ? 0 : point.error;
+    expected.errorAfter = std::to_string((flags & kErrnoZero) != 0 ? 0 : point.error);
   }
   expected.mayNotFire = (flags & kMayNotFire) != 0;
+  expected.childMayRemain = point.function == F::waitpid;
+  expected.checkDecides = (flags & kCut) != 0;
   if ((flags & kUntouched) != 0) {
     expected.content = operation.initial;
   }
@@ -360,27 +308,44 @@ Expected ExpectedOf(const Operation& operation, const Point& point, const Outcom
   if ((flags & (kAnyContent | kAccepted | kHeld | kLeftBehind)) != 0) {
     expected.content.reset();
   }
-  if ((flags & kPrefix) != 0) {
-    expected.check = [whole = baseline.result](const Outcome& got) {
-      return whole.rfind(got.result, 0) == 0 ? std::string() : "read " + got.result;
-    };
-  } else if ((flags & (kAccepted | kHeld | kLeftBehind)) != 0) {
-    const std::string initial = operation.initial;
-    expected.check = [flags, whole = baseline.content, initial](const Outcome& got) {
-      const std::string& left = got.content;
-      const std::size_t n = (flags & kAccepted) != 0
-                                ? std::stoul(got.result.substr(9))
-                                : left.size() - std::min(left.size(), 11 + initial.size());
-      const std::string want = (flags & kHeld) != 0 ? got.held
-                               : (flags & kAccepted) != 0
-                                   ? whole.substr(0, n) + initial.substr(n)
-                                   : ".f.XXXXXX=" + kData.substr(0, n) + ";" + initial;
-      return left == want ? std::string() : "left \"" + left + "\", want \"" + want + "\"";
-    };
+  const std::string output =
+      operation.output.value_or(baseline.result.substr(0, baseline.result.rfind('|')));
+  if ((flags & kStatus) != 0) {
+    const Outcome failed = operation.ran("", std::stoi(*expected.result));
+    expected.result = failed.result;
+    expected.records.insert(expected.records.end(), failed.records.begin(), failed.records.end());
+  } else if ((flags & kPlainCut) != 0) {
+    expected.result = operation.ran(output.substr(0, point.call - 1), 0).result;
   }
-  if (operation.ran) {
-    ExpectOfRunner(operation, point, baseline, flags, expected);
-  }
+  expected.check = [flags, &operation, baseline, output, wait = expected](const Outcome& got) {
+    const std::string& left = got.content;
+    const std::string& initial = operation.initial;
+    const std::size_t drained = left.size() - std::min(left.size(), 11 + initial.size());
+    const std::size_t accepted = (flags & kAccepted) != 0 ? std::stoul(got.result.substr(9)) : 0;
+    const std::string want =
+        (flags & kHeld) != 0       ? got.held
+        : (flags & kAccepted) != 0 ? baseline.content.substr(0, accepted) + initial.substr(accepted)
+        : (flags & kLeftBehind) != 0 ? ".f.XXXXXX=" + kData.substr(0, drained) + ";" + initial
+                                     : left;
+    bool fits =
+        left == want && ((flags & kPrefix) == 0 || baseline.result.rfind(got.result, 0) == 0);
+    // A cut run: the output read so far, with status 0, or tar's failure to write the rest (2)
+    // and its record; a tar that fails anyway can never be seen to succeed. Or the row's failed
+    // wait.
+    for (std::size_t end = 0; (flags & kCut) != 0 && end <= output.size(); ++end) {
+      fits = end == 0 ? got.exception == wait.exception && got.records == wait.records : fits;
+      for (const int status : {0, 2}) {
+        Outcome cut = operation.ran(output.substr(0, end), status);
+        if (status != 0) {
+          cut.records.insert(cut.records.begin(),
+                             kTar + "tar returned 2,\n" + output.substr(0, end));
+        }
+        fits = fits || ((status != 0 || !operation.failsWithoutFaults) && got.exception.empty() &&
+                        got.result == cut.result && got.records == cut.records);
+      }
+    }
+    return fits ? std::string() : "outcome \"" + got.result + "\", left \"" + left + "\"";
+  };
   return expected;
 }
 
@@ -390,18 +355,11 @@ std::string& Archive() {
   return archive;
 }
 
-// Set while a point runs with every log level disabled.
-bool& LoggingOff() {
-  static bool off = false;
-  return off;
-}
-
-// Runs the operation with every record captured (none while logging is off), and turns what it
-// returned or threw into an Outcome.
-Outcome Observe(const Operation& operation, const TempDir& dir) {
+// Runs the operation with every record captured (none when quiet), and turns what it returned
+// or threw into an Outcome.
+Outcome Observe(const Operation& operation, const TempDir& dir, bool quiet = false) {
   Outcome outcome;
-  const bool off = LoggingOff();
-  const testing::LogCapture log([off](LogLevel) { return !off; });
+  const testing::LogCapture log([quiet](LogLevel) { return !quiet; });
   try {
     operation.run(dir, outcome);
   } catch (const std::ios_base::failure& error) {
@@ -438,7 +396,7 @@ Outcome Baseline(const Operation& operation, std::vector<Call>& trace) {
   return baseline;
 }
 
-// An operation whose whole outcome is what query returns.
+// An operation whose result is what query returns.
 Operation Query(std::string name, std::function<std::string(const TempDir&)> query) {
   return {std::move(name), [query](const TempDir& dir, Outcome& out) { out.result = query(dir); }};
 }
@@ -453,8 +411,6 @@ void ReadToEnd(std::streambuf& buffer, std::string& into) {
     into += static_cast<char>(buffer.sbumpc());
   }
 }
-
-// --- File ------------------------------------------------------------------------------------
 
 // An operation on a File over f in the scratch directory (holding kOriginal), or in memory:
 // opens it with options (on the durable layer when durable), lets use work on it, and destroys
@@ -481,13 +437,6 @@ Operation OnFile(std::string name, File::Options options,
           durable ? F::fdatasync : F::count};
 }
 
-// Reads the whole file through a File with a get area of bufferSize, a character at a time.
-Operation FileRead(std::uint32_t bufferSize) {
-  return OnFile("File read, get area " + std::to_string(bufferSize),
-                testing::Buffers(bufferSize, 0, true, false),
-                [](std::streambuf& buffer, Outcome& out) { ReadToEnd(buffer, out.result); });
-}
-
 // Writes kData over kOriginal through a write-only File with a put area of bufferSize (on the
 // durable layer when durable is set), flushes when flush is set, and destroys the File.
 Operation FileWrite(std::uint32_t bufferSize, bool flush, bool durable = false) {
@@ -505,8 +454,6 @@ Operation FileWrite(std::uint32_t bufferSize, bool flush, bool durable = false) 
       },
       durable);
 }
-
-// --- AtomicFile ------------------------------------------------------------------------------
 
 enum class Ending { Commit, Cancel, Destroy };
 
@@ -553,44 +500,26 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           existing ? "f=" + kOriginal + ";" : ""};
 }
 
-// --- Directory -------------------------------------------------------------------------------
-
 std::shared_ptr<Directory> DirectoryOn(const std::string& path) {
   return std::make_shared<Directory>(std::make_shared<Path>(path),
                                      std::make_shared<SystemCallWrapper>());
 }
 
-// CreateDirectory on a missing path (exists false) or on an existing directory.
-Operation CreateDirectory(bool exists) {
-  return Query(std::string("Directory::CreateDirectory, ") + (exists ? "existing" : "missing"),
-               [exists](const TempDir& dir) {
-                 const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
-                 const bool result = DirectoryOn(path)->CreateDirectory();
-                 const std::vector<std::string> tree = testing::ListTree(dir.Path());
-                 return Flag(result) + (std::ifstream(path + "/.") ? ", present" : ", absent") +
-                        (tree != std::vector<std::string>{"a", "a/b"} && !tree.empty()
-                             ? ", other entries"
-                             : "");
-               });
-}
-
-// GetFileSystemUsedSize or GetPercentageUsed of "/", whose only call is its statfs.
-Operation StatisticsQuery(bool percentage) {
-  return Query(percentage ? "Directory::GetPercentageUsed" : "Directory::GetFileSystemUsedSize",
-               [percentage](const TempDir&) {
-                 const auto directory = DirectoryOn("/");
-                 const std::uint64_t value =
-                     percentage ? static_cast<std::uint64_t>(directory->GetPercentageUsed())
-                                : directory->GetFileSystemUsedSize();
-                 return value > 0 ? "positive" : "0";
-               });
-}
-
-// --- Tar -------------------------------------------------------------------------------------
-
 // A runner's result: its output, then '|' and the status.
 Outcome Listed(const std::string& output, int status) {
   return {output + "|" + std::to_string(status)};
+}
+
+// A tar runner's operation: run gives the result, ran what it gives for tar's output and status.
+Operation OnTar(std::string name, std::function<void(const TempDir&, Outcome&)> run,
+                std::string tar, std::function<Outcome(const std::string&, int)> ran = Listed,
+                std::optional<std::string> output = {}, bool failsWithoutFaults = false) {
+  Operation operation{std::move(name), std::move(run)};
+  operation.failsWithoutFaults = failsWithoutFaults;
+  operation.tar = std::move(tar);
+  operation.ran = std::move(ran);
+  operation.output = std::move(output);
+  return operation;
 }
 
 // TarApi::RunCmd, or StreamingTarApi::RunCmd with or without a time-out, listing the archive;
@@ -598,7 +527,7 @@ Outcome Listed(const std::string& output, int status) {
 // runner must never report otherwise.
 Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
   const std::string archive = tarFails ? "{a}.missing" : "{a}";
-  Operation operation{
+  return OnTar(
       std::string(streaming ? "StreamingTarApi" : "TarApi") + "::RunCmd" +
           (timed ? ", time-out" : "") + (tarFails ? ", tar fails" : ""),
       [streaming, timed, archive](const TempDir&, Outcome& out) {
@@ -610,54 +539,26 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
         SetPhase(kUse);
         const auto [output, status] = runner->RunCmd(args);
         out.result = output + "|" + std::to_string(status);
-      }};
-  operation.failsWithoutFaults = tarFails;
-  operation.tar = "tar -tf " + archive;
-  operation.ran = Listed;
-  return operation;
-}
-
-// The streaming runner listing a FIFO that nobody writes to: tar waits in its open until the
-// time-out has it killed, which no fault may turn into a wait for ever.
-Operation RunCmdTimesOut() {
-  Operation operation{"StreamingTarApi::RunCmd, tar hangs", [](const TempDir& dir, Outcome& out) {
-                        const std::string fifo = dir / "fifo.tar";
-                        ::mkfifo(fifo.c_str(), 0600);
-                        std::vector<std::string> args = {"-tf", fifo};
-                        StreamingTarApi runner(std::chrono::milliseconds(100));
-                        SetPhase(kUse);
-                        try {
-                          const auto [output, status] = runner.RunCmd(args);
-                          out.result = output + "|" + std::to_string(status);
-                        } catch (const std::runtime_error& error) {
-                          out.result = std::string("threw ") + error.what();
-                        }
-                      }};
-  operation.failsWithoutFaults = true;
-  operation.tar = "tar -tf {d}/fifo.tar";
-  operation.ran = Listed;
-  operation.output = "";
-  return operation;
+      },
+      "tar -tf " + archive, Listed, {}, tarFails);
 }
 
 // Untar's what on the shared archive, through TarApi, or through StreamingTarApi when
-// streaming is set: use gives the result, ran what it gives for tar's output and status.
+// streaming is set: use gives the result; tar's output is output.
 Operation OnArchive(const std::string& what, bool streaming,
                     std::function<std::string(Untar&, const TempDir&, Outcome&)> use,
                     std::string tar, std::string output,
                     std::function<Outcome(const std::string&, int)> ran) {
-  Operation operation{"Untar::" + what + (streaming ? ", streaming" : ""),
-                      [streaming, use](const TempDir& dir, Outcome& out) {
-                        SetPhase(kOpen);
-                        Untar untar(std::make_shared<Path>(Archive()),
-                                    streaming ? std::make_shared<StreamingTarApi>() : nullptr);
-                        SetPhase(kUse);
-                        out.result = use(untar, dir, out);
-                      }};
-  operation.tar = std::move(tar);
-  operation.ran = std::move(ran);
-  operation.output = std::move(output);
-  return operation;
+  return OnTar(
+      "Untar::" + what + (streaming ? ", streaming" : ""),
+      [streaming, use](const TempDir& dir, Outcome& out) {
+        SetPhase(kOpen);
+        Untar untar(std::make_shared<Path>(Archive()),
+                    streaming ? std::make_shared<StreamingTarApi>() : nullptr);
+        SetPhase(kUse);
+        out.result = use(untar, dir, out);
+      },
+      std::move(tar), std::move(ran), std::move(output));
 }
 
 // Untar::FileList through either runner: the names but the directories'.
@@ -675,7 +576,6 @@ Operation FileList(bool streaming) {
         return status == 0
                    ? Outcome{names}
                    : Outcome{"",
-                             "",
                              {"DoFileList 3/0x8027: Tar command failed: " + std::to_string(status) +
                               ", " + output}};
       });
@@ -707,8 +607,11 @@ std::vector<Operation> Operations() {
                             out.result = Flag(result);
                           }});
   }
+  // Reads the whole file through a File with a get area of size, a character at a time.
   for (const std::uint32_t size : {0U, 4U, 64U}) {
-    operations.push_back(FileRead(size));
+    operations.push_back(OnFile(
+        "File read, get area " + std::to_string(size), testing::Buffers(size, 0, true, false),
+        [](std::streambuf& buffer, Outcome& out) { ReadToEnd(buffer, out.result); }));
     operations.push_back(FileWrite(size, true));
   }
   File::Options inMemory = testing::Buffers(4, 8);
@@ -728,7 +631,7 @@ std::vector<Operation> Operations() {
                [](std::streambuf&buffer, Outcome&out) {
                  out.result = std::to_string(buffer.sputn("hello", 5));
                }),
-        // CreateFile on a missing name, RecreateFile on a file with contents; then what it holds.
+        // CreateFile on a missing name, RecreateFile on one with contents; then what it holds.
         Query("File::CreateFile",
               [](const TempDir&dir) {
                 const bool done = File::CreateFile(dir / "new");
@@ -747,8 +650,23 @@ std::vector<Operation> Operations() {
               }),
         AtomicReplace(true, 4, Ending::Commit), AtomicReplace(false, 0, Ending::Commit),
         AtomicReplace(true, 64, Ending::Commit), AtomicReplace(true, 4, Ending::Cancel),
-        AtomicReplace(true, 4, Ending::Destroy), CreateDirectory(false), CreateDirectory(true),
-        Query("Directory::EmptyDirectory",
+        AtomicReplace(true, 4, Ending::Destroy)}) {
+    operations.push_back(std::move(operation));
+  }
+  // CreateDirectory on a missing path or on an existing directory.
+  for (const bool exists : {false, true}) {
+    operations.push_back(
+        Query(std::string("Directory::CreateDirectory, ") + (exists ? "existing" : "missing"),
+              [exists](const TempDir& dir) {
+                const std::string path = exists ? dir.MakeDir("a/b") : dir / "a/b";
+                const bool result = DirectoryOn(path)->CreateDirectory();
+                const Texts tree = testing::ListTree(dir.Path());
+                return Flag(result) + (std::ifstream(path + "/.") ? ", present" : ", absent") +
+                       (tree != Texts{"a", "a/b"} && !tree.empty() ? ", other entries" : "");
+              }));
+  }
+  for (Operation operation :
+       {Query("Directory::EmptyDirectory",
               [](const TempDir&dir) {
                 for (const char* name : {"d/x", "d/sub/y", "d/.keep"}) {
                   dir.WriteFile(name, "1");
@@ -767,15 +685,40 @@ std::vector<Operation> Operations() {
                 }
                 return std::to_string(DirectoryOn(dir / "t")->GetDirectorySize());
               }),
-        StatisticsQuery(false), StatisticsQuery(true), RunCmd(false), FileList(false),
-        Extract(false), RunCmd(true), RunCmd(true, true), RunCmd(true, false, true),
-        RunCmdTimesOut(), FileList(true), Extract(true)}) {
+        // Each of "/", whose only call is its statfs.
+        Query("Directory::GetFileSystemUsedSize",
+              [](const TempDir&) {
+                return DirectoryOn("/")->GetFileSystemUsedSize() > 0 ? "positive" : "0";
+              }),
+        Query("Directory::GetPercentageUsed",
+              [](const TempDir&) {
+                return DirectoryOn("/")->GetPercentageUsed() > 0 ? "positive" : "0";
+              }),
+        RunCmd(false), FileList(false), Extract(false), RunCmd(true), RunCmd(true, true),
+        RunCmd(true, false, true),
+        // Listing a FIFO that nobody writes to: tar waits in its open until the time-out has
+        // it killed, which no fault may turn into a wait for ever.
+        OnTar(
+            "StreamingTarApi::RunCmd, tar hangs",
+            [](const TempDir&dir, Outcome&out) {
+              const std::string fifo = dir / "fifo.tar";
+              ::mkfifo(fifo.c_str(), 0600);
+              std::vector<std::string> args = {"-tf", fifo};
+              StreamingTarApi runner(std::chrono::milliseconds(100));
+              SetPhase(kUse);
+              try {
+                const auto [output, status] = runner.RunCmd(args);
+                out.result = output + "|" + std::to_string(status);
+              } catch (const std::runtime_error& error) {
+                out.result = std::string("threw ") + error.what();
+              }
+            },
+            "tar -tf {d}/fifo.tar", Listed, "", true),
+        FileList(true), Extract(true)}) {
     operations.push_back(std::move(operation));
   }
   return operations;
 }
-
-// --- The harness -----------------------------------------------------------------------------
 
 // What differs between what is expected and what got is; empty when nothing does.
 std::string Compare(const Expected& expected, const Outcome& got) {
@@ -791,11 +734,9 @@ std::string Compare(const Expected& expected, const Outcome& got) {
     differ("exception", got.exception, expected.exception);
     differ("records", Joined(got.records), Joined(expected.records));
     differ("content", got.content, expected.content);
-    if (expected.errorAfter) {
-      differ("errno", std::to_string(got.errorAfter), std::to_string(*expected.errorAfter));
-    }
+    differ("errno", std::to_string(got.errorAfter), expected.errorAfter);
   }
-  const std::string problem = expected.check ? expected.check(got) : "";
+  const std::string problem = expected.check(got);
   return problem.empty() ? problems : problems + " " + problem + ";";
 }
 
@@ -811,9 +752,8 @@ bool RunPoint(const Operation& operation, const Point& point, const Outcome& bas
     for (const bool quiet : {false, true}) {
       const int descriptors = testing::CountOpenDescriptors();
       const TempDir dir;
-      LoggingOff() = quiet;
       Arm(point.function, point.call, point.error);
-      const Outcome got = Observe(operation, dir);
+      const Outcome got = Observe(operation, dir, quiet);
       const bool fired = Fired();
       Reset();
       Expected expected = ExpectedOf(operation, point, baseline);
@@ -906,8 +846,8 @@ int Main(int argc, char** argv) {
                  "descriptor, a child or a temporary file left behind\n";
     return 1;
   }
-  std::ostringstream markdown;
-  markdown << "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
+  std::string table =
+      "| Operation | Calls | Points | Calls failed (count: errnos) |\n|---|---|---|---|\n";
   std::size_t points = 0;
   std::size_t failed = 0;
   for (const Operation& operation : Operations()) {
@@ -916,13 +856,10 @@ int Main(int argc, char** argv) {
     }
     std::vector<Call> trace;
     const Outcome baseline = Baseline(operation, trace);
-    std::size_t operationFailed = 0;
-    const auto fail = [&operation, &operationFailed](const std::string& what) {
-      std::cout << "FAILED " << operation.name << ": " << what << "\n";
-      ++operationFailed;
-    };
+    const std::size_t failedBefore = failed;
     if (!baseline.exception.empty() || baseline.records.empty() == operation.failsWithoutFaults) {
-      fail("the run without faults did not succeed: " + baseline.exception);
+      std::cout << "FAILED " << operation.name << ": the run without faults did not succeed\n";
+      ++failed;
     }
     std::size_t operationPoints = 0;
     std::map<Function, long> seen;
@@ -931,37 +868,39 @@ int Main(int argc, char** argv) {
       const long number = ++seen[call.function];
       const long inPhase = ++seenInPhase[{call.function, call.phase}];
       for (const int error : Errnos(call.function)) {
+        const std::string label = operation.name + ": " + Name(call.function) + " call " +
+                                  std::to_string(number) + " (phase " + std::to_string(call.phase) +
+                                  ") with " + strerrorname_np(error);
         ++operationPoints;
-        operationFailed +=
-            RunPoint(operation, {call.function, number, inPhase, call.phase, error}, baseline,
-                     operation.name + ": " + Name(call.function) + " call " +
-                         std::to_string(number) + " (phase " + std::to_string(call.phase) +
-                         ") with " + strerrorname_np(error))
-                ? 0
-                : 1;
+        failed += RunPoint(operation, {call.function, number, inPhase, call.phase, error}, baseline,
+                           label)
+                      ? 0
+                      : 1;
       }
     }
     if (operation.mustCall != F::count && seen.count(operation.mustCall) == 0) {
-      fail(std::string("never called ") + Name(operation.mustCall));
+      std::cout << "FAILED " << operation.name << ": never called " << Name(operation.mustCall)
+                << "\n";
+      ++failed;
     }
     std::cout << operation.name << ": " << trace.size() << " calls, " << operationPoints
-              << " points, " << operationFailed << " failed\n";
-    markdown << "| " << operation.name << " | " << trace.size() << " | " << operationPoints << " |";
-    const char* separator = " ";
+              << " points, " << failed - failedBefore << " failed\n";
+    table += "| " + operation.name + " | " + std::to_string(trace.size()) + " | " +
+             std::to_string(operationPoints) + " |";
     for (const auto& [function, count] : seen) {
-      markdown << separator << Name(function) << " (" << count << ":";
-      for (std::size_t i = 0; i < Errnos(function).size(); ++i) {
-        markdown << (i == 0 ? " " : ", ") << strerrorname_np(Errnos(function)[i]);
+      table += std::string(function == seen.begin()->first ? " " : "; ") + Name(function) + " (" +
+               std::to_string(count) + ":";
+      for (const int error : Errnos(function)) {
+        table +=
+            std::string(error == Errnos(function).front() ? " " : ", ") + strerrorname_np(error);
       }
-      markdown << ")";
-      separator = "; ";
+      table += ")";
     }
-    markdown << " |\n";
+    table += " |\n";
     points += operationPoints;
-    failed += operationFailed;
   }
   if (options.count("--table") != 0) {
-    std::ofstream(options["--table"]) << markdown.str();
+    std::ofstream(options["--table"]) << table;
   }
   std::cout << "fault sweep: " << points << " points, " << failed << " failed\n";
   return failed == 0 && points > 0 ? 0 : 1;
