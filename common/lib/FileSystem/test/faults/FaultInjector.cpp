@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <type_traits>
 
@@ -30,24 +31,11 @@
 namespace drn::faults {
 namespace {
 
-constexpr std::size_t kTraceCapacity = 16384;
-
-// Shared with forked children, so their calls are counted and can be failed too.
-struct State {
-  std::atomic<long> counts[static_cast<std::size_t>(Function::count)];
-  std::atomic<int> armedFunction{-1};
-  std::atomic<long> armedCall;
-  std::atomic<int> armedError;
-  std::atomic<bool> fired;
-  std::atomic<bool> recording;
-  std::atomic<int> phase;
-  std::atomic<std::size_t> traceLength;
-  Call trace[kTraceCapacity];
-};
-
 // Set once this process has begun to exit: what runs then (a coverage run's counter dump, which
 // is linked into the library too) is not the library's work.
 bool exiting = false;
+
+}  // namespace
 
 State& Shared() {
   static State* const state = [] {
@@ -61,6 +49,8 @@ State& Shared() {
   }();
   return *state;
 }
+
+namespace {
 
 // The address range of libdrx_FileSystem's loaded segments.
 struct Range {
@@ -105,8 +95,8 @@ DRX_CHILD_SAFE bool Intercept(Function function, const void* caller) {
   }
   State& state = Shared();
   const long number = ++state.counts[static_cast<std::size_t>(function)];
-  const std::size_t index = state.recording ? state.traceLength++ : kTraceCapacity;
-  if (index < kTraceCapacity) {
+  const std::size_t index = state.recording ? state.traceLength++ : std::size(state.trace);
+  if (index < std::size(state.trace)) {
     state.trace[index] = Call{function, state.phase};
   }
   if (state.armedFunction != static_cast<int>(function) || state.armedCall != number) {
@@ -152,34 +142,11 @@ const std::vector<int>& Errnos(Function function) {
   return errnos[static_cast<std::size_t>(function)];
 }
 
-void Reset() {
-  new (&Shared()) State{};
-}
-
-void StartRecording() {
-  Reset();
-  Shared().recording = true;
-}
-
-std::vector<Call> Recorded() {
-  const State& state = Shared();
-  return {state.trace, state.trace + std::min<std::size_t>(state.traceLength, kTraceCapacity)};
-}
-
-void Arm(Function function, long call, int error) {
-  Reset();
-  State& state = Shared();
-  state.armedError = error;
-  state.armedCall = call;
+void Reset(Function function, long call, int error) {
+  State& state = *new (&Shared()) State{};
   state.armedFunction = static_cast<int>(function);
-}
-
-bool Fired() {
-  return Shared().fired;
-}
-
-void SetPhase(int phase) {
-  Shared().phase = phase;
+  state.armedCall = call;
+  state.armedError = error;
 }
 
 void Exiting() {

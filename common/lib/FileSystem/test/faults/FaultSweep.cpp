@@ -389,9 +389,12 @@ Outcome Observe(const Operation& operation, const TempDir& dir, bool quiet = fal
 // The outcome of a run without faults, and the calls it made.
 Outcome Baseline(const Operation& operation, std::vector<Call>& trace) {
   const TempDir dir;
-  StartRecording();
+  Reset();
+  const State& state = Shared();
+  Shared().recording = true;
   const Outcome baseline = Observe(operation, dir);
-  trace = Recorded();
+  trace.assign(state.trace,
+               state.trace + std::min(state.traceLength.load(), std::size(state.trace)));
   Reset();
   return baseline;
 }
@@ -422,13 +425,13 @@ Operation OnFile(std::string name, File::Options options,
             const Path path(dir.WriteFile("f", kOriginal));
             File::Options opened = options;
             opened.path = options.inMemory ? nullptr : &path;
-            SetPhase(kOpen);
+            Shared().phase = kOpen;
             auto file = std::make_unique<File>(
                 opened, durable ? std::make_unique<DurableLinuxApi>() : nullptr);
-            SetPhase(kUse);
+            Shared().phase = kUse;
             use(*file, out);
             out.held = testing::ReadWholeFile(dir / "f");
-            SetPhase(kClose);
+            Shared().phase = kClose;
             file.reset();
           },
           [](const TempDir& dir) { return testing::ReadWholeFile(dir / "f"); },
@@ -448,7 +451,7 @@ Operation FileWrite(std::uint32_t bufferSize, bool flush, bool durable = false) 
         const auto size = static_cast<std::streamsize>(kData.size());
         out.result = "accepted " + std::to_string(buffer.sputn(kData.data(), size));
         if (flush) {
-          SetPhase(kFlush);
+          Shared().phase = kFlush;
           out.result += buffer.pubsync() == 0 ? ", flushed" : ", flush failed";
         }
       },
@@ -468,16 +471,16 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
           [existing, bufferSize, ending](const TempDir& dir, Outcome& out) {
             dir.MakeDir("a");
             const std::string target = existing ? dir.WriteFile("a/f", kOriginal) : dir / "a/f";
-            SetPhase(kOpen);
+            Shared().phase = kOpen;
             auto file = std::make_unique<AtomicFile>(target, nullptr, bufferSize);
-            SetPhase(kUse);
+            Shared().phase = kUse;
             // A put that finds a buffer of 4 full, then pieces that fit and that do not.
             *file << "0123";
             file->put('4');
             *file << "567"
                   << "89A";
             out.result = file->good() ? "written" : "bad";
-            SetPhase(kFlush);
+            Shared().phase = kFlush;
             if (ending == Ending::Commit) {
               out.result += file->Commit() ? ", committed" : ", not committed";
             } else if (ending == Ending::Cancel) {
@@ -487,7 +490,7 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
               *file << 'x';
               out.result += file->bad() ? ", bad" : ", good";
             }
-            SetPhase(kClose);
+            Shared().phase = kClose;
             file.reset();
           },
           [](const TempDir& dir) {
@@ -536,7 +539,7 @@ Operation RunCmd(bool streaming, bool timed = false, bool tarFails = false) {
             !streaming ? std::make_unique<TarApi>()
             : timed    ? std::make_unique<StreamingTarApi>(std::chrono::seconds(10))
                        : std::make_unique<StreamingTarApi>();
-        SetPhase(kUse);
+        Shared().phase = kUse;
         const auto [output, status] = runner->RunCmd(args);
         out.result = output + "|" + std::to_string(status);
       },
@@ -552,10 +555,10 @@ Operation OnArchive(const std::string& what, bool streaming,
   return OnTar(
       "Untar::" + what + (streaming ? ", streaming" : ""),
       [streaming, use](const TempDir& dir, Outcome& out) {
-        SetPhase(kOpen);
+        Shared().phase = kOpen;
         Untar untar(std::make_shared<Path>(Archive()),
                     streaming ? std::make_shared<StreamingTarApi>() : nullptr);
-        SetPhase(kUse);
+        Shared().phase = kUse;
         out.result = use(untar, dir, out);
       },
       std::move(tar), std::move(ran), std::move(output));
@@ -622,9 +625,9 @@ std::vector<Operation> Operations() {
         OnFile("File read and write, flushed", testing::Buffers(4, 4),
                [](std::streambuf&buffer, Outcome&out) {
                  buffer.sputn(kData.data(), 3);
-                 SetPhase(kFlush);
+                 Shared().phase = kFlush;
                  out.result = buffer.pubsync() == 0 ? "flushed, " : "flush failed, ";
-                 SetPhase(kRead);
+                 Shared().phase = kRead;
                  ReadToEnd(buffer, out.result);
                }),
         OnFile("File in memory", inMemory,
@@ -705,7 +708,7 @@ std::vector<Operation> Operations() {
               ::mkfifo(fifo.c_str(), 0600);
               std::vector<std::string> args = {"-tf", fifo};
               StreamingTarApi runner(std::chrono::milliseconds(100));
-              SetPhase(kUse);
+              Shared().phase = kUse;
               try {
                 const auto [output, status] = runner.RunCmd(args);
                 out.result = output + "|" + std::to_string(status);
@@ -752,9 +755,9 @@ bool RunPoint(const Operation& operation, const Point& point, const Outcome& bas
     for (const bool quiet : {false, true}) {
       const int descriptors = testing::CountOpenDescriptors();
       const TempDir dir;
-      Arm(point.function, point.call, point.error);
+      Reset(point.function, point.call, point.error);
       const Outcome got = Observe(operation, dir, quiet);
-      const bool fired = Fired();
+      const bool fired = Shared().fired;
       Reset();
       Expected expected = ExpectedOf(operation, point, baseline);
       if (quiet) {
