@@ -832,8 +832,8 @@ int Main(int argc, char** argv) {
   Archive() = shared / "archive.tar";
   if (std::system(("tar -cf " + Archive() + " -C " + shared / "src" + " one dir").c_str()) != 0 ||
       !HarnessSeesFaults()) {
-    std::cout << "fault sweep: no archive, or the harness does not see a lost byte, a leaked "
-                 "descriptor, a child or a temporary file left behind\n";
+    std::cout << "fault sweep: no archive, or the harness's own check failed (a File write as it "
+                 "is, or a lost byte, a leaked descriptor or a child left behind unseen)\n";
     return 1;
   }
   std::string table =
