@@ -14,14 +14,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
+#include <type_traits>
 
 // Marks the code that may run in the tar runner's children (see Intercept).
 #define DRX_CHILD_SAFE __attribute__((no_sanitize("address", "undefined")))
@@ -29,24 +31,11 @@
 namespace drn::faults {
 namespace {
 
-constexpr std::size_t kTraceCapacity = 16384;
-
-// Shared with forked children, so their calls are counted and can be failed too.
-struct State {
-  std::atomic<long> counts[kFunctionCount];
-  std::atomic<int> armedFunction;
-  std::atomic<long> armedCall;
-  std::atomic<int> armedError;
-  std::atomic<bool> fired;
-  std::atomic<bool> recording;
-  std::atomic<int> phase;
-  std::atomic<std::size_t> traceLength;
-  Call trace[kTraceCapacity];
-};
-
 // Set once this process has begun to exit: what runs then (a coverage run's counter dump, which
 // is linked into the library too) is not the library's work.
 bool exiting = false;
+
+}  // namespace
 
 State& Shared() {
   static State* const state = [] {
@@ -61,9 +50,11 @@ State& Shared() {
   return *state;
 }
 
+namespace {
+
 // The address range of libdrx_FileSystem's loaded segments.
 struct Range {
-  std::uintptr_t begin = 0;
+  std::uintptr_t begin = UINTPTR_MAX;
   std::uintptr_t end = 0;
 };
 
@@ -76,16 +67,14 @@ Range LibraryRange() {
               std::strstr(info->dlpi_name, "libdrx_FileSystem.so") == nullptr) {
             return 0;
           }
-          auto* result = static_cast<Range*>(data);
-          for (int i = 0; i < info->dlpi_phnum; ++i) {
-            const ElfW(Phdr)& segment = info->dlpi_phdr[i];
-            if (segment.p_type != PT_LOAD) {
-              continue;
+          auto& result = *static_cast<Range*>(data);
+          for (const ElfW(Phdr)* segment = info->dlpi_phdr;
+               segment < info->dlpi_phdr + info->dlpi_phnum; ++segment) {
+            const std::uintptr_t begin = info->dlpi_addr + segment->p_vaddr;
+            if (segment->p_type == PT_LOAD) {
+              result = {std::min(result.begin, begin),
+                        std::max(result.end, begin + segment->p_memsz)};
             }
-            const std::uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
-            const std::uintptr_t end = begin + segment.p_memsz;
-            result->begin = result->begin == 0 ? begin : std::min(result->begin, begin);
-            result->end = std::max(result->end, end);
           }
           return 1;
         },
@@ -99,28 +88,23 @@ Range LibraryRange() {
 // set). Calls from anywhere else are neither counted nor failed. It also runs in the tar
 // runner's children, which share the caller's memory and leave the sanitizers' bookkeeping alone.
 DRX_CHILD_SAFE bool Intercept(Function function, const void* caller) {
-  if (exiting) {
-    return false;
-  }
   const Range range = LibraryRange();
   const auto address = reinterpret_cast<std::uintptr_t>(caller);
-  if (address < range.begin || address >= range.end) {
+  if (exiting || address < range.begin || address >= range.end) {
     return false;
   }
   State& state = Shared();
   const long number = ++state.counts[static_cast<std::size_t>(function)];
-  if (state.recording) {
-    const std::size_t index = state.traceLength++;
-    if (index < kTraceCapacity) {
-      state.trace[index] = Call{function, state.phase};
-    }
+  const std::size_t index = state.recording ? state.traceLength++ : std::size(state.trace);
+  if (index < std::size(state.trace)) {
+    state.trace[index] = Call{function, state.phase};
   }
-  if (state.armedFunction == static_cast<int>(function) && state.armedCall == number) {
-    state.fired = true;
-    errno = state.armedError;
-    return true;
+  if (state.armedFunction != static_cast<int>(function) || state.armedCall != number) {
+    return false;
   }
-  return false;
+  state.fired = true;
+  errno = state.armedError;
+  return true;
 }
 
 template <typename Pointer>
@@ -131,6 +115,16 @@ Pointer Next(const char* name) {
     std::abort();
   }
   return reinterpret_cast<Pointer>(symbol);
+}
+
+// What a failing call returns: a null pointer, or -1.
+template <typename Result>
+Result Failure() {
+  if constexpr (std::is_pointer_v<Result>) {
+    return nullptr;
+  } else {
+    return -1;
+  }
 }
 
 }  // namespace
@@ -148,45 +142,11 @@ const std::vector<int>& Errnos(Function function) {
   return errnos[static_cast<std::size_t>(function)];
 }
 
-void Reset() {
-  State& state = Shared();
-  for (auto& count : state.counts) {
-    count = 0;
-  }
-  state.armedFunction = -1;
-  state.armedCall = 0;
-  state.armedError = 0;
-  state.fired = false;
-  state.recording = false;
-  state.phase = 0;
-  state.traceLength = 0;
-}
-
-void StartRecording() {
-  Reset();
-  Shared().recording = true;
-}
-
-std::vector<Call> Recorded() {
-  const State& state = Shared();
-  const std::size_t length = std::min<std::size_t>(state.traceLength, kTraceCapacity);
-  return std::vector<Call>(state.trace, state.trace + length);
-}
-
-void Arm(Function function, long call, int error) {
-  Reset();
-  State& state = Shared();
-  state.armedError = error;
-  state.armedCall = call;
+void Reset(Function function, long call, int error) {
+  State& state = *new (&Shared()) State{};
   state.armedFunction = static_cast<int>(function);
-}
-
-bool Fired() {
-  return Shared().fired;
-}
-
-void SetPhase(int phase) {
-  Shared().phase = phase;
+  state.armedCall = call;
+  state.armedError = error;
 }
 
 void Exiting() {
@@ -204,85 +164,83 @@ void Prepare() {
 
 }  // namespace drn::faults
 
-// Each definition below replaces the C library's for the whole process. A failing call returns
-// the function's failure value without doing anything, except close and closedir (see Arm).
-#define DRX_RETURN_ADDRESS __builtin_return_address(0)
-
-// Defines name with the given attributes, parameters and noexcept clause: it fails with
-// failure when Intercept says so, and otherwise calls the next definition with arguments.
-#define DRX_INTERPOSE(attributes, Result, name, parameters, noexceptClause, failure, arguments) \
-  attributes Result name parameters noexceptClause {                                            \
-    static const auto next = Next<Result(*) parameters>(#name);                                 \
-    return Intercept(Function::name, DRX_RETURN_ADDRESS) ? failure : next arguments;            \
-  }
-
-namespace {
-
+using drn::faults::Failure;
 using drn::faults::Function;
 using drn::faults::Intercept;
 using drn::faults::Next;
 
-// close and closedir release their descriptor even when they report an error.
-template <typename Handle>
-int Releasing(Function function, const void* caller, int (*next)(Handle), Handle handle) {
-  if (!Intercept(function, caller)) {
-    return next(handle);
-  }
-  const int error = errno;
-  next(handle);
-  errno = error;
-  return -1;
-}
+// Each definition below replaces the C library's for the whole process. A failing call returns
+// the function's failure value without doing anything, except close and closedir, which
+// release their descriptor even when they report an error, as Linux's do.
+#define DRX_RETURN_ADDRESS __builtin_return_address(0)
 
-}  // namespace
+// Defines name, with the C library's declaration's parameters, result and noexcept clause: it
+// fails when Intercept says so, and otherwise calls the next definition with arguments.
+#define DRX_INTERPOSE(name, parameters, arguments)                                               \
+  auto name parameters noexcept(noexcept(::name arguments))->decltype(::name arguments) {        \
+    static const auto next = Next<decltype(&::name)>(#name);                                     \
+    return Intercept(Function::name, DRX_RETURN_ADDRESS) ? Failure<decltype(::name arguments)>() \
+                                                         : next arguments;                       \
+  }
+
+// The same for close and closedir, which release handle anyway.
+#define DRX_INTERPOSE_RELEASING(name, Handle)                         \
+  int name(Handle handle) {                                           \
+    static const auto next = Next<decltype(&::name)>(#name);          \
+    const bool fails = Intercept(Function::name, DRX_RETURN_ADDRESS); \
+    const int error = errno;                                          \
+    const int result = next(handle);                                  \
+    errno = fails ? error : errno;                                    \
+    return fails ? -1 : result;                                       \
+  }
 
 extern "C" {
 
-DRX_INTERPOSE(, int, access, (const char* path, int mode), , -1, (path, mode))
-DRX_INTERPOSE(, int, chmod, (const char* path, mode_t mode), noexcept, -1, (path, mode))
-DRX_INTERPOSE(, int, dup2, (int from, int to), , -1, (from, to))
-DRX_INTERPOSE(DRX_CHILD_SAFE, int, execvp, (const char* file, char* const argv[]), , -1,
-              (file, argv))
-DRX_INTERPOSE(, int, fchmod, (int fd, mode_t mode), noexcept, -1, (fd, mode))
-DRX_INTERPOSE(, int, fchown, (int fd, uid_t owner, gid_t group), noexcept, -1, (fd, owner, group))
-DRX_INTERPOSE(, int, fdatasync, (int fd), , -1, (fd))
-DRX_INTERPOSE(, pid_t, fork, (), , -1, ())
-DRX_INTERPOSE(, int, fsync, (int fd), , -1, (fd))
-DRX_INTERPOSE(, int, kill, (pid_t pid, int signal), noexcept, -1, (pid, signal))
-DRX_INTERPOSE(, off_t, lseek, (int fd, off_t offset, int whence), , -1, (fd, offset, whence))
-DRX_INTERPOSE(, int, lstat, (const char* path, struct stat* buffer), noexcept, -1, (path, buffer))
-DRX_INTERPOSE(, DIR*, opendir, (const char* path), , nullptr, (path))
-DRX_INTERPOSE(, int, pipe2, (int fds[2], int flags), , -1, (fds, flags))
-DRX_INTERPOSE(, int, poll, (pollfd * fds, nfds_t count, int timeout), , -1, (fds, count, timeout))
-DRX_INTERPOSE(, ssize_t, read, (int fd, void* buffer, size_t count), , -1, (fd, buffer, count))
-DRX_INTERPOSE(, dirent*, readdir, (DIR * dir), , nullptr, (dir))
-DRX_INTERPOSE(, int, remove, (const char* path), noexcept, -1, (path))
-DRX_INTERPOSE(, int, rename, (const char* from, const char* to), noexcept, -1, (from, to))
-DRX_INTERPOSE(, int, socketpair, (int domain, int type, int protocol, int fds[2]), noexcept, -1,
-              (domain, type, protocol, fds))
-DRX_INTERPOSE(, int, stat, (const char* path, struct stat* buffer), noexcept, -1, (path, buffer))
-DRX_INTERPOSE(, int, statfs, (const char* path, struct statfs* buffer), noexcept, -1,
-              (path, buffer))
-DRX_INTERPOSE(, int, syncfs, (int fd), noexcept, -1, (fd))
-DRX_INTERPOSE(, int, system, (const char* command), , -1, (command))
-DRX_INTERPOSE(, pid_t, waitpid, (pid_t pid, int* status, int options), , -1, (pid, status, options))
-DRX_INTERPOSE(, ssize_t, write, (int fd, const void* buffer, size_t count), , -1,
-              (fd, buffer, count))
+DRX_INTERPOSE(access, (const char* path, int mode), (path, mode))
+DRX_INTERPOSE(chmod, (const char* path, mode_t mode), (path, mode))
+DRX_INTERPOSE(dup2, (int from, int to), (from, to))
+DRX_CHILD_SAFE DRX_INTERPOSE(execvp, (const char* file, char* const argv[]),
+                             (file, argv)) DRX_INTERPOSE(fchmod, (int fd, mode_t mode), (fd, mode))
+    DRX_INTERPOSE(fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group)) DRX_INTERPOSE(
+        fdatasync, (int fd), (fd)) DRX_INTERPOSE(fork, (), ()) DRX_INTERPOSE(fsync, (int fd), (fd))
+        DRX_INTERPOSE(kill, (pid_t pid, int signal),
+                      (pid, signal)) DRX_INTERPOSE(lseek, (int fd, off_t offset, int whence),
+                                                   (fd, offset, whence))
+            DRX_INTERPOSE(lstat, (const char* path, struct stat* buffer),
+                          (path, buffer)) DRX_INTERPOSE(opendir, (const char* path), (path))
+                DRX_INTERPOSE(pipe2, (int fds[2], int flags),
+                              (fds, flags)) DRX_INTERPOSE(poll,
+                                                          (pollfd * fds, nfds_t count, int timeout),
+                                                          (fds, count, timeout))
+                    DRX_INTERPOSE(read, (int fd, void* buffer, size_t count),
+                                  (fd, buffer, count)) DRX_INTERPOSE(readdir, (DIR * dir), (dir))
+                        DRX_INTERPOSE(remove, (const char* path), (path))
+                            DRX_INTERPOSE(rename, (const char* from, const char* to), (from, to))
+                                DRX_INTERPOSE(socketpair,
+                                              (int domain, int type, int protocol, int fds[2]),
+                                              (domain, type, protocol, fds))
+                                    DRX_INTERPOSE(stat, (const char* path, struct stat* buffer),
+                                                  (path, buffer))
+                                        DRX_INTERPOSE(statfs,
+                                                      (const char* path, struct statfs* buffer),
+                                                      (path, buffer)) DRX_INTERPOSE(syncfs,
+                                                                                    (int fd), (fd))
+                                            DRX_INTERPOSE(system, (const char* command), (command))
+                                                DRX_INTERPOSE(waitpid,
+                                                              (pid_t pid, int* status, int options),
+                                                              (pid, status, options))
+                                                    DRX_INTERPOSE(write,
+                                                                  (int fd, const void* buffer,
+                                                                   size_t count),
+                                                                  (fd, buffer, count))
+                                                        DRX_INTERPOSE_RELEASING(close, int)
+                                                            DRX_INTERPOSE_RELEASING(closedir, DIR*)
 
-int close(int fd) {
-  static const auto next = Next<int (*)(int)>("close");
-  return Releasing(Function::close, DRX_RETURN_ADDRESS, next, fd);
-}
-
-int closedir(DIR* dir) {
-  static const auto next = Next<int (*)(DIR*)>("closedir");
-  return Releasing(Function::closedir, DRX_RETURN_ADDRESS, next, dir);
-}
-
-// glibc's clone, which the tar runner calls by this name; it runs in the runner's intermediate
-// process too. The runner asks for no thread identifiers, so none are passed on.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
-DRX_CHILD_SAFE int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...) {
+    // glibc's clone, which the tar runner calls by this name; it runs in the runner's intermediate
+    // process too. The runner asks for no thread identifiers, so none are passed on.
+    // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
+    DRX_CHILD_SAFE
+    int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...) {
   // Resolved in the caller, whose memory the intermediate shares, before the intermediate runs.
   static const auto next = Next<int (*)(int (*)(void*), void*, int, void*, ...)>("__clone");
   return Intercept(Function::clone, DRX_RETURN_ADDRESS) ? -1

@@ -7,9 +7,9 @@
 // state lives in shared memory, so calls made by a forked child count towards the same totals.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
-#include <string>
 #include <vector>
 
 namespace drn::faults {
@@ -39,8 +39,6 @@ namespace drn::faults {
 enum class Function { DRX_FAULT_FUNCTIONS(DRX_FAULT_ENUMERATOR) count };
 #undef DRX_FAULT_ENUMERATOR
 
-constexpr std::size_t kFunctionCount = static_cast<std::size_t>(Function::count);
-
 const char* Name(Function function);
 const std::vector<int>& Errnos(Function function);
 
@@ -50,23 +48,30 @@ struct Call {
   int phase;
 };
 
-// Forgets every count, the trace and any armed fault.
-void Reset();
+// What the interposers share with forked children: the number of calls of each function so far;
+// the armed fault (the armedCall-th call of armedFunction fails with armedError) and whether it
+// was delivered; while recording, a trace of every counted call (at most a few thousand), each
+// labelled with phase, which the sweep sets so that an expectation can tell a flush from the
+// destructor's.
+struct State {
+  std::atomic<long> counts[static_cast<std::size_t>(Function::count)];
+  std::atomic<int> armedFunction;
+  std::atomic<long> armedCall;
+  std::atomic<int> armedError;
+  std::atomic<bool> fired;
+  std::atomic<bool> recording;
+  std::atomic<int> phase;
+  std::atomic<std::size_t> traceLength;
+  Call trace[16384];
+};
 
-// From now on, records every counted call in a trace (at most a few thousand).
-void StartRecording();
-std::vector<Call> Recorded();
+State& Shared();
 
-// Makes the call-th call (counting from 1 after this) of function fail with error: the caller
-// gets the function's failure value and errno set to error. close and closedir still release
-// the descriptor, as Linux does when they report an error.
-void Arm(Function function, long call, int error);
-
-// Whether the armed fault has been delivered.
-bool Fired();
-
-// Labels the calls that follow, so an expectation can tell a flush from the destructor's.
-void SetPhase(int phase);
+// Forgets every count, the trace and any armed fault; then makes the call-th call (counting
+// from 1) of function fail with error: the caller gets the function's failure value and errno
+// set to error. close and closedir still release the descriptor, as Linux does when they report
+// an error.
+void Reset(Function function = Function::count, long call = 0, int error = 0);
 
 // Stops counting and failing in this process, for a child that is about to end.
 void Exiting();
