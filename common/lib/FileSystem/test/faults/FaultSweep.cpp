@@ -163,12 +163,20 @@ const std::vector<Row>& Rows() {
     {"^AtomicFile, Cancel", F::write, kUse, 0, -EINTR, "bad, bad", "", {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}"}},
     {"^AtomicFile, dest", F::write, kUse, 0, -EINTR, "bad", "", {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}"}},
     {"^AtomicFile, Commit", F::write, kFlush, 0, -EINTR, "written, not committed, bad", "", {kFailedRename + "write to {d}/a/.f.XXXXXX: {e}{old}"}},
+    // The sweep's scratch files are on tmpfs, whose directories are not journalled: Commit
+    // holds the old content (the first open; a missing target has none), renames, syncs the
+    // target by name (its own open) before the directory, and releases the old content last
+    // (its close, whose failure loses nothing). A failing fstatfs takes these steps too.
     {"^AtomicFile, Commit", F::fsync, kFlush, 1, 0, "written, not committed, bad", "", {kFailedRename + "fsync of {d}/a/.f.XXXXXX: {e}{old}"}},
-    {"^AtomicFile, Commit", F::fsync, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "fsync of {d}/a/: {e}{new}"}},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 2, 0, "written, not committed, bad", "", {kFailedRename + "fsync of {d}/a/f: {e}{new}"}},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 3, 0, "written, not committed, bad", "", {kFailedRename + "fsync of {d}/a/: {e}{new}"}},
     {"^AtomicFile, Commit", F::close, kFlush, 1, 0, "written, not committed, bad", "", {kFailedRename + "close of {d}/a/.f.XXXXXX: {e}{old}"}},
-    {"^AtomicFile, Commit", F::close, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "close of {d}/a/: {e}{new}"}},
+    {"^AtomicFile, Commit", F::close, kFlush, 2, 0, "written, not committed, bad", "", {kFailedRename + "close of {d}/a/f: {e}{new}"}},
+    {"^AtomicFile, Commit", F::close, kFlush, 3, 0, "written, not committed, bad", "", {kFailedRename + "close of {d}/a/: {e}{new}"}},
     {"^AtomicFile, Commit", F::rename, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "rename of {d}/a/.f.XXXXXX to {d}/a/f: {e}{old}"}},
     {"^AtomicFile, Commit", F::fchmod, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "setting the mode of {d}/a/.f.XXXXXX: {e}{old}"}},
+    {"^AtomicFile, Commit", F::open, kFlush, 1, 0, "written, not committed, bad", "", {kFailedRename + "open of {d}/a/f: {e}{old}"}},
+    {"^AtomicFile, Commit", F::open, kFlush, 2, 0, "written, not committed, bad", "", {kFailedRename + "open of {d}/a/f: {e}{new}"}},
     {"^AtomicFile, Commit", F::open, kFlush, 0, 0, "written, not committed, bad", "", {kFailedRename + "open of {d}/a/: {e}{new}"}},
     // Only a failed removal leaves the temporary file, and says so.
     {"^AtomicFile", F::remove, kAny, 0, 0, {}, "", {"Discard 3/0x8010: cannot remove the temporary file {d}/a/.f.XXXXXX: {e}"}},
@@ -585,7 +593,9 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
         }
         return expected;
       },
-      [](const TempDir& dir) { return Entries(dir / "a"); }};
+      [](const TempDir& dir) { return Entries(dir / "a"); },
+      false,
+      ending == Ending::Commit ? Function::fstatfs : Function::count};
 }
 
 // --- Directory -------------------------------------------------------------------------------
