@@ -21,8 +21,11 @@ namespace drn {
 /// rename stays on one file system), named ".NAME.XXXXXX" and created exclusively, never through
 /// a symbolic link. Commit flushes the stream, fsyncs the temporary file, closes it, renames it
 /// over the target and fsyncs the directory, so that the new name itself survives a power cut.
-/// On FAT, where a file's size and first cluster live in its directory entry and only the file's
-/// own fsync writes that entry, it also fsyncs the file under its new name before the directory.
+/// Where the file system does not journal its directories (anything but ext4, XFS and Btrfs:
+/// FAT and exFAT among them), Commit also holds the old content open (O_PATH) from before the
+/// rename until after the directory's fsync, so that its clusters are not freed before the new
+/// entry is durable, and fsyncs the file under its new name before the directory (FAT keeps a
+/// file's size and first cluster in its directory entry, which only the file's own fsync writes).
 /// Readers that open the target at any time see either its complete old content or the complete
 /// new content. Without a successful Commit the target is never touched.
 ///
@@ -86,7 +89,7 @@ class DRN_EXPORT AtomicFile : public std::ostream, private std::basic_streambuf<
 
   /// Makes the bytes written so far path's whole content, durably.
   /// @return true only when every step succeeded: the output was written, the temporary file
-  ///         fsynced, closed and renamed over path, (on FAT) path fsynced again, and path's
+  ///         fsynced, closed and renamed over path, (not on ext4) path fsynced, and path's
   ///         directory fsynced. false on any failure (with a level-3 record that names the step and
   ///         the error), after a stream write that failed earlier, on a failed stream (failbit
   ///         too: an insertion of a source buffer that gave nothing sets only that), and on every

@@ -2,16 +2,17 @@
 #include "AtomicFile.h"
 
 #include <fcntl.h>
-#include <linux/msdos_fs.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <random>
 #include <stdexcept>
 #include <utility>
@@ -41,6 +42,25 @@ constexpr unsigned kNewFileMode = 0644;
 constexpr unsigned kOwnerOnlyMode = 0600;
 constexpr int kSetIdBits = S_ISUID | S_ISGID;
 
+// Whether the file system of fd journals its directories, so that the directory's fsync alone
+// makes a rename durable, the replaced content freed in the same transaction. Everywhere else
+// (FAT, exFAT, and what statfs cannot name) a replacement takes the careful steps.
+bool JournalsRenames(int fd) {
+  struct statfs status {};
+  if (::fstatfs(fd, &status) != 0) {
+    return false;
+  }
+  // ext2 and ext3 share ext4's number; the device's cards carry ext4.
+  switch (static_cast<unsigned long>(status.f_type)) {
+    case EXT4_SUPER_MAGIC:
+    case XFS_SUPER_MAGIC:
+    case BTRFS_SUPER_MAGIC:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 struct AtomicFile::Impl {
@@ -59,6 +79,10 @@ struct AtomicFile::Impl {
   bool Write(const char* data, std::size_t count);
   // The steps after the last write: fsync, close, rename, fsync of the directory.
   bool Replace();
+  // Opens path itself (not its content, so no read permission is needed), so that the content a
+  // rename replaces stays allocated until held is closed. false after a failure; a missing path
+  // has nothing to hold.
+  bool Hold();
   // Opens name with flags, fsyncs and closes it; after the rename, so a failure leaves the new
   // content in place.
   bool SyncByName(const std::string& name, int flags);
@@ -74,6 +98,7 @@ struct AtomicFile::Impl {
   std::string temporary;  // the temporary file's path
   int mode = -1;          // the mode Commit gives the temporary file; -1: the one open gave
   int fd = -1;            // the temporary file while it is open
+  int held = -1;          // path's old content, from Hold until the directory is synced
   bool renamed = false;   // the temporary file has become path
   State state = State::Open;
   std::vector<char> writeBuffer;  // only the reserved storage is used; it is the put area
@@ -189,31 +214,46 @@ bool AtomicFile::Impl::Replace() {
   if (linuxApi->fsync(fd) != 0) {
     return Fail("fsync of " + temporary, errno, false);
   }
-  // FAT keeps a file's size and first cluster in its directory entry, which only the file's own
-  // fsync writes, not the directory's: there the file is synced again under its new name, or a
-  // cut could leave the renamed entry as it was (empty, or on the old content's freed clusters).
-  // Every other file system answers this FAT request with ENOTTY; any other failure is taken
-  // for FAT, to be safe.
-  std::array<char, sizeof(std::uint32_t)> attributes{};
-  const bool entryHoldsSize =
-      linuxApi->ioctl(fd, FAT_IOCTL_GET_ATTRIBUTES, attributes.data()) == 0 || errno != ENOTTY;
+  // Where the directory's journal does not carry the rename, two more steps, both needed on FAT
+  // and exFAT. (1) FAT keeps a file's size and first cluster in its directory entry, which only
+  // the file's own fsync writes, not the directory's: the file is synced again under its new
+  // name, before the directory, so a cut in between leaves the new content under both names,
+  // never under none. (2) A rename over the target drops the old content's last link; FAT and
+  // exFAT free its clusters (FAT chain, exFAT bitmap) only when its inode is evicted, which is at
+  // the rename unless someone holds it open. Freed that early, the allocation map may reach the
+  // card before the rewritten entry, which then names free clusters that the next write takes.
+  // So the old content is held open from before the rename until the directory's fsync has made
+  // the new entry durable: at every moment the entry on the card names allocated clusters, old
+  // or new. An exchange of the two names (renameat2) is not used: exFAT refuses it (EINVAL), and
+  // a cut after it would leave the old content under the temporary name.
+  const bool careful = !JournalsRenames(fd);
   // Linux releases the descriptor even when close fails: it is never closed twice.
   const int closed = linuxApi->close(std::exchange(fd, -1));
   if (closed != 0) {
     return Fail("close of " + temporary, errno, false);
   }
+  if (careful && !Hold()) {
+    return false;
+  }
   if (linuxApi->rename(temporary.c_str(), path.c_str()) != 0) {
     return Fail("rename of " + temporary + " to " + path, errno, false);
   }
   renamed = true;
-  // The file before the directory: a cut in between can leave the new content under both
-  // names, never under none.
-  if ((entryHoldsSize && !SyncByName(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)) ||
+  if ((careful && !SyncByName(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)) ||
       !SyncByName(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     return false;
   }
+  // Nothing was written through it: its close cannot lose anything, and it releases it anyway.
+  if (held >= 0) {
+    linuxApi->close(std::exchange(held, -1));
+  }
   state = State::Committed;
   return true;
+}
+
+bool AtomicFile::Impl::Hold() {
+  held = linuxApi->open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+  return held >= 0 || errno == ENOENT || Fail("open of " + path, errno, false);
 }
 
 bool AtomicFile::Impl::SyncByName(const std::string& name, int flags) {
@@ -246,8 +286,10 @@ bool AtomicFile::Impl::Fail(const std::string& step, int error, bool inPlace) {
 }
 
 void AtomicFile::Impl::Discard() {
-  if (fd >= 0) {
-    linuxApi->close(std::exchange(fd, -1));
+  for (int* open : {&fd, &held}) {
+    if (*open >= 0) {
+      linuxApi->close(std::exchange(*open, -1));
+    }
   }
   if (!renamed && linuxApi->remove(temporary.c_str()) != 0) {
     DRN_LOG(LogLevel::Error, kCategory)

@@ -196,51 +196,44 @@ using drn::faults::Next;
 
 extern "C" {
 
+// One definition a line: clang-format would run the macro calls together.
+// clang-format off
 DRX_INTERPOSE(access, (const char* path, int mode), (path, mode))
 DRX_INTERPOSE(chmod, (const char* path, mode_t mode), (path, mode))
 DRX_INTERPOSE(dup2, (int from, int to), (from, to))
-DRX_CHILD_SAFE DRX_INTERPOSE(execvp, (const char* file, char* const argv[]),
-                             (file, argv)) DRX_INTERPOSE(fchmod, (int fd, mode_t mode), (fd, mode))
-    DRX_INTERPOSE(fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group)) DRX_INTERPOSE(
-        fdatasync, (int fd), (fd)) DRX_INTERPOSE(fork, (), ()) DRX_INTERPOSE(fsync, (int fd), (fd))
-        DRX_INTERPOSE(kill, (pid_t pid, int signal),
-                      (pid, signal)) DRX_INTERPOSE(lseek, (int fd, off_t offset, int whence),
-                                                   (fd, offset, whence))
-            DRX_INTERPOSE(lstat, (const char* path, struct stat* buffer),
-                          (path, buffer)) DRX_INTERPOSE(opendir, (const char* path), (path))
-                DRX_INTERPOSE(pipe2, (int fds[2], int flags),
-                              (fds, flags)) DRX_INTERPOSE(poll,
-                                                          (pollfd * fds, nfds_t count, int timeout),
-                                                          (fds, count, timeout))
-                    DRX_INTERPOSE(read, (int fd, void* buffer, size_t count),
-                                  (fd, buffer, count)) DRX_INTERPOSE(readdir, (DIR * dir), (dir))
-                        DRX_INTERPOSE(remove, (const char* path), (path))
-                            DRX_INTERPOSE(rename, (const char* from, const char* to), (from, to))
-                                DRX_INTERPOSE(socketpair,
-                                              (int domain, int type, int protocol, int fds[2]),
-                                              (domain, type, protocol, fds))
-                                    DRX_INTERPOSE(stat, (const char* path, struct stat* buffer),
-                                                  (path, buffer))
-                                        DRX_INTERPOSE(statfs,
-                                                      (const char* path, struct statfs* buffer),
-                                                      (path, buffer)) DRX_INTERPOSE(syncfs,
-                                                                                    (int fd), (fd))
-                                            DRX_INTERPOSE(system, (const char* command), (command))
-                                                DRX_INTERPOSE(waitpid,
-                                                              (pid_t pid, int* status, int options),
-                                                              (pid, status, options))
-                                                    DRX_INTERPOSE(write,
-                                                                  (int fd, const void* buffer,
-                                                                   size_t count),
-                                                                  (fd, buffer, count))
-                                                        DRX_INTERPOSE_RELEASING(close, int)
-                                                            DRX_INTERPOSE_RELEASING(closedir, DIR*)
+DRX_CHILD_SAFE DRX_INTERPOSE(execvp, (const char* file, char* const argv[]), (file, argv))
+DRX_INTERPOSE(fchmod, (int fd, mode_t mode), (fd, mode))
+DRX_INTERPOSE(fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group))
+DRX_INTERPOSE(fdatasync, (int fd), (fd))
+DRX_INTERPOSE(fork, (), ())
+DRX_INTERPOSE(fstatfs, (int fd, struct statfs* buffer), (fd, buffer))
+DRX_INTERPOSE(fsync, (int fd), (fd))
+DRX_INTERPOSE(kill, (pid_t pid, int signal), (pid, signal))
+DRX_INTERPOSE(lseek, (int fd, off_t offset, int whence), (fd, offset, whence))
+DRX_INTERPOSE(lstat, (const char* path, struct stat* buffer), (path, buffer))
+DRX_INTERPOSE(opendir, (const char* path), (path))
+DRX_INTERPOSE(pipe2, (int fds[2], int flags), (fds, flags))
+DRX_INTERPOSE(poll, (pollfd* fds, nfds_t count, int timeout), (fds, count, timeout))
+DRX_INTERPOSE(read, (int fd, void* buffer, size_t count), (fd, buffer, count))
+DRX_INTERPOSE(readdir, (DIR* dir), (dir))
+DRX_INTERPOSE(remove, (const char* path), (path))
+DRX_INTERPOSE(rename, (const char* from, const char* to), (from, to))
+DRX_INTERPOSE(socketpair, (int domain, int type, int protocol, int fds[2]), (domain, type, protocol, fds))
+DRX_INTERPOSE(stat, (const char* path, struct stat* buffer), (path, buffer))
+DRX_INTERPOSE(statfs, (const char* path, struct statfs* buffer), (path, buffer))
+DRX_INTERPOSE(syncfs, (int fd), (fd))
+DRX_INTERPOSE(system, (const char* command), (command))
+DRX_INTERPOSE(waitpid, (pid_t pid, int* status, int options), (pid, status, options))
+DRX_INTERPOSE(write, (int fd, const void* buffer, size_t count), (fd, buffer, count))
+DRX_INTERPOSE_RELEASING(close, int)
+DRX_INTERPOSE_RELEASING(closedir, DIR*)
 
-    // glibc's clone, which the tar runner calls by this name; it runs in the runner's intermediate
-    // process too. The runner asks for no thread identifiers, so none are passed on.
-    // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
-    DRX_CHILD_SAFE
-    int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...) {
+// glibc's clone, which the tar runner calls by this name; it runs in the runner's intermediate
+// process too. The runner asks for no thread identifiers, so none are passed on.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
+DRX_CHILD_SAFE
+int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...) {
+  // clang-format on
   // Resolved in the caller, whose memory the intermediate shares, before the intermediate runs.
   static const auto next = Next<int (*)(int (*)(void*), void*, int, void*, ...)>("__clone");
   return Intercept(Function::clone, DRX_RETURN_ADDRESS) ? -1

@@ -24,7 +24,8 @@ namespace drn::faults {
   X(close, EIO, EINTR) X(closedir, EIO) X(dup2, EINTR, EMFILE, EBUSY)                              \
   X(dup3, EINTR, EMFILE, EBUSY) X(execvp, ENOENT, EACCES, ENOMEM) X(fchmod, EPERM, EIO)            \
   X(fchown, EPERM, EINVAL, EIO) X(fcntl, EINVAL) X(fdatasync, EIO, ENOSPC) X(fork, EAGAIN, ENOMEM) \
-  X(fsync, EIO, ENOSPC, EINTR) X(kill, EPERM) X(lseek, EINVAL, EOVERFLOW)                          \
+  X(fstatfs, EIO, ENOSYS) X(fsync, EIO, ENOSPC, EINTR) X(kill, EPERM)                              \
+  X(lseek, EINVAL, EOVERFLOW)                                                                      \
   X(lstat, EACCES, EIO, ENOMEM)                                                                    \
   X(memfd_create, EMFILE, ENOMEM) X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO)                      \
   X(opendir, EACCES, EMFILE, ENOMEM) X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE)        \

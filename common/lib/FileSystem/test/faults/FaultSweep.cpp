@@ -157,12 +157,20 @@ const std::vector<Row>& Rows() {
     {"^AtomicFile, Cancel", F::write, kUse, 0, -EINTR, "bad, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, dest", F::write, kUse, 0, -EINTR, "bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
     {"^AtomicFile, Commit", F::write, kFlush, 0, -EINTR, "written, not committed, bad", "", {kFailed + "write to " + kTemporary + ": {e}" + kOld}, kUntouched},
+    // The sweep's scratch files are on tmpfs, whose directories are not journalled: Commit
+    // holds the old content (the first open; a missing target has none), renames, syncs the
+    // target by name (its own open) before the directory, and releases the old content last
+    // (its close, whose failure loses nothing). A failing fstatfs takes these steps too.
     {"^AtomicFile, Commit", F::fsync, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "fsync of " + kTemporary + ": {e}" + kOld}, kUntouched},
-    {"^AtomicFile, Commit", F::fsync, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "fsync of {d}/a/: {e}" + kNew}},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 2, 0, "written, not committed, bad", "", {kFailed + "fsync of {d}/a/f: {e}" + kNew}},
+    {"^AtomicFile, Commit", F::fsync, kFlush, 3, 0, "written, not committed, bad", "", {kFailed + "fsync of {d}/a/: {e}" + kNew}},
     {"^AtomicFile, Commit", F::close, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "close of " + kTemporary + ": {e}" + kOld}, kUntouched},
-    {"^AtomicFile, Commit", F::close, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "close of {d}/a/: {e}" + kNew}},
+    {"^AtomicFile, Commit", F::close, kFlush, 2, 0, "written, not committed, bad", "", {kFailed + "close of {d}/a/f: {e}" + kNew}},
+    {"^AtomicFile, Commit", F::close, kFlush, 3, 0, "written, not committed, bad", "", {kFailed + "close of {d}/a/: {e}" + kNew}},
     {"^AtomicFile, Commit", F::rename, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "rename of " + kTemporary + " to {d}/a/f: {e}" + kOld}, kUntouched},
     {"^AtomicFile, Commit", F::fchmod, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "setting the mode of " + kTemporary + ": {e}" + kOld}, kUntouched},
+    {"^AtomicFile, Commit", F::open, kFlush, 1, 0, "written, not committed, bad", "", {kFailed + "open of {d}/a/f: {e}" + kOld}, kUntouched},
+    {"^AtomicFile, Commit", F::open, kFlush, 2, 0, "written, not committed, bad", "", {kFailed + "open of {d}/a/f: {e}" + kNew}},
     {"^AtomicFile, Commit", F::open, kFlush, 0, 0, "written, not committed, bad", "", {kFailed + "open of {d}/a/: {e}" + kNew}},
     // Only a failed removal leaves the temporary file, and says so.
     {"^AtomicFile", F::remove, kAny, 0, 0, {}, "", {"Discard 3/0x8010: cannot remove the temporary file " + kTemporary + ": {e}"}, kLeftBehind},
@@ -500,7 +508,9 @@ Operation AtomicReplace(bool existing, std::uint32_t bufferSize, Ending ending) 
             }
             return entries;
           },
-          existing ? "f=" + kOriginal + ";" : ""};
+          existing ? "f=" + kOriginal + ";" : "",
+          false,
+          ending == Ending::Commit ? Function::fstatfs : Function::count};
 }
 
 std::shared_ptr<Directory> DirectoryOn(const std::string& path) {
