@@ -342,6 +342,11 @@ INSTANTIATE_TEST_SUITE_P(
         Leaves({"tar", "extract", "-", "out"}, "out", kExtracted, "", kInTree),
         Leaves({"tar", "extract", "--runner", "pipe", "-", "out"}, "out", kExtracted, "", kInTree),
         Leaves({"tar", "extract", "--streaming", "-", "out"}, "out", kExtracted, "", kInTree),
+        // One line rewritten with '\r' and ended with a newline, even into a file.
+        Run({"tar", "extract", "--progress", "-", "out"}, 0, "", "(\r[0-9]+% .* left *)+\n", "out",
+            kExtracted, "", kInTree),
+        // The tree replaced whole, and nothing left beside it.
+        Leaves({"tar", "extract", "--atomic", "-", "e"}, "e", kExtracted, "", kInTree),
         Fails({"size", "@/missing"}, "No such file"), Fails({"size", "@/out"}, "Is a directory"),
         Fails({"size", "@/loop"}, "Too many levels of symbolic links", kUnixOnly),
         Fails({"size", "@/locked/inside"}, "Permission denied", kUnprivileged | kUnixOnly),
