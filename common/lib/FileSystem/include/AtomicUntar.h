@@ -67,6 +67,7 @@ class DRN_EXPORT AtomicUntar {
   ///         the archive does not fit (the record gives both numbers; nothing was written), EIO
   ///         when tar failed, otherwise the failed call's errno. Up to the swap destination keeps
   ///         its old tree and the install directory is removed; after it, the record says so.
+  ///         Exceptions of the runner pass through, after the install directory is removed.
   bool Install(const std::string& destination) { return DoInstall(destination); }
 
   /// Tidies what a cut left beside destination (see the class comment).

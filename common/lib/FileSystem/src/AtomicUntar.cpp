@@ -366,7 +366,13 @@ bool AtomicUntar::DoInstall(const std::string& destination) {
   const std::string install = target.Install() + suffix;
   struct statfs fileSystem {};
   bool ready = false;
-  const int status = impl->untar.Extract(std::make_shared<Path>(install));
+  int status = 0;
+  try {
+    status = impl->untar.Extract(std::make_shared<Path>(install));
+  } catch (...) {
+    impl->RemoveTree(install);  // the runner's exception passes through, the tree does not stay
+    throw;
+  }
   if (status != 0) {
     impl->Fail("extracting into " + install + " (tar status " + std::to_string(status) + ")", EIO);
   } else if (impl->systemCalls->statfs(install.c_str(), &fileSystem) != 0) {

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -258,10 +259,15 @@ DRX_INTERPOSE(, ssize_t, read, (int fd, void* buffer, size_t count), , -1, (fd, 
 DRX_INTERPOSE(, dirent*, readdir, (DIR * dir), , nullptr, (dir))
 DRX_INTERPOSE(, int, remove, (const char* path), noexcept, -1, (path))
 DRX_INTERPOSE(, int, rename, (const char* from, const char* to), noexcept, -1, (from, to))
+DRX_INTERPOSE(, int, renameat2,
+              (int fromDir, const char* from, int toDir, const char* to, unsigned int flags),
+              noexcept, -1, (fromDir, from, toDir, to, flags))
 DRX_INTERPOSE(, int, socketpair, (int domain, int type, int protocol, int fds[2]), noexcept, -1,
               (domain, type, protocol, fds))
 DRX_INTERPOSE(, int, stat, (const char* path, struct stat* buffer), noexcept, -1, (path, buffer))
 DRX_INTERPOSE(, int, statfs, (const char* path, struct statfs* buffer), noexcept, -1,
+              (path, buffer))
+DRX_INTERPOSE(, int, statvfs, (const char* path, struct statvfs* buffer), noexcept, -1,
               (path, buffer))
 DRX_INTERPOSE(, int, syncfs, (int fd), noexcept, -1, (fd))
 DRX_INTERPOSE(, int, system, (const char* command), , -1, (command))

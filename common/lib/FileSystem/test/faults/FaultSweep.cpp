@@ -27,6 +27,7 @@
 
 #include "../FileTestSupport.h"
 #include "AtomicFile.h"
+#include "AtomicUntar.h"
 #include "Directory.h"
 #include "DurableLinuxApi.h"
 #include "FaultInjector.h"
@@ -186,6 +187,8 @@ const std::vector<Row>& Rows() {
     {"GetDirectorySize", F::opendir, kAny, 2, 0, "200"},
     {"GetDirectorySize", F::opendir, kAny, 3, 0, "300"},
     {"GetDirectorySize", F::stat, kAny, 0, 0, "300"},
+    {"^AtomicUntar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file",
+     {"Impl 3/0x8027: path is not a file: {a}"}},
     {"^Untar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file",
      {"Impl 3/0x8027: path is not a file: {a}"}},
     {"^Untar::Extract", F::access, kUse, 0, ENOENT, "-1", "", {"DoExtract 3/0x8027: specified path is not an existing directory: {d}/out"}},
@@ -1046,6 +1049,59 @@ Operation Extract(bool streaming) {
           }};
 }
 
+// AtomicUntar::Install of the shared archive over a tree holding "old": whatever call fails, the
+// destination is the whole old tree or the whole new one. false comes with errno and a level-3
+// record last; true with the new tree, and anything left beside it only after a level-4 record.
+Operation AtomicInstall() {
+  return {"AtomicUntar::Install",
+          [](const TempDir& dir, Outcome& out) {
+            dir.WriteFile("app/old", "old");
+            SetPhase(kOpen);
+            AtomicUntar install(std::make_shared<Path>(Archive()));
+            SetPhase(kUse);
+            errno = 0;
+            out.result = Flag(install.Install(dir / "app"));
+            out.errorAfter = errno;
+          },
+          [](const Point& point, const Outcome&, const TempDir&, Expected fromRows) {
+            if (fromRows.exception) {
+              return fromRows;
+            }
+            Expected expected;
+            expected.checkDecides = true;
+            expected.mayNotFire = true;
+            // After a failed wait the runner leaves its child for nobody to reap.
+            expected.childMayRemain = point.function == Function::waitpid;
+            expected.check = [](const Outcome& got) {
+              const std::string content = std::regex_replace(
+                  got.content, std::regex("\\.app\\.[a-z]+-[a-z0-9]{6}[^;]*;"), "");
+              const bool left = content != got.content;
+              const bool oldTree = content == "app;app/old;";
+              const bool newTree = content == "app;app/dir;app/dir/two;app/one;";
+              const std::string last = got.records.empty() ? "" : got.records.back();
+              std::string problem;
+              if (!got.exception.empty()) {
+                problem = oldTree && !left && got.exception.rfind("runtime_error: ", 0) == 0
+                              ? ""
+                              : "threw " + got.exception + " and left " + got.content;
+              } else if (got.result == "true") {
+                problem =
+                    newTree && (!left || last.find(" 4/0x8027: the old tree") != std::string::npos)
+                        ? ""
+                        : "installed, but left " + got.content;
+              } else if (!(oldTree || newTree) || left) {
+                problem = "failed, and left " + got.content;
+              } else if (got.errorAfter == 0 ||
+                         last.find("3/0x8027: installing ") == std::string::npos) {
+                problem = "failed with errno " + std::to_string(got.errorAfter) + " after " + last;
+              }
+              return problem;
+            };
+            return expected;
+          },
+          [](const TempDir& dir) { return Joined(testing::ListTree(dir.Path())); }};
+}
+
 // Every operation of the library that the sweep covers; adding one is adding an entry.
 std::vector<Operation> Operations() {
   const auto pathQuery = [](bool directory) {
@@ -1092,7 +1148,8 @@ std::vector<Operation> Operations() {
         RunCmd(true, false, true),
         RunCmdTimesOut(),
         FileList(true),
-        Extract(true)}) {
+        Extract(true),
+        AtomicInstall()}) {
     operations.push_back(std::move(operation));
   }
   return operations;
