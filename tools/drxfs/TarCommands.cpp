@@ -109,7 +109,9 @@ void AddExtractCommand(CLI::App& tar, Commands& commands) {
   CLI::App* command =
       tar.add_subcommand("extract", "Extract the archive into DESTINATION, an existing directory");
   command->add_option("ARCHIVE", options->archive, "The tar archive")->required();
-  command->add_option("DESTINATION", options->destination, "The directory to extract into (with --atomic, the one to replace)")
+  command
+      ->add_option("DESTINATION", options->destination,
+                   "The directory to extract into (with --atomic, the one to replace)")
       ->required();
   AddRunnerOptions(*command, *options);
   command
