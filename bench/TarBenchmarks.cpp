@@ -247,6 +247,63 @@ void RunStart(benchmark::State& state, bool spawn) {
   state.SetItemsProcessed(state.iterations());
 }
 
+#ifdef DRXFS_PATH
+// drxfs tar extract of 64 MiB in 16 files, with its progress line forced on (written to
+// /dev/null) or off: what the line costs an extraction.
+void RunDrxfsExtract(benchmark::State& state, bool progress) {
+  static const std::string archive = [] {
+    const std::string root = WorkspacePath("progress");
+    std::vector<char> data(std::size_t{4} << 20);
+    ::mkdir(root.c_str(), 0755);
+    for (int i = 0; i < 16; ++i) {
+      FillPattern(data.data(), data.size(), static_cast<std::uint32_t>(i));
+      const int fd = ::open((root + "/f" + std::to_string(i)).c_str(),
+                            O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      if (fd < 0 || ::write(fd, data.data(), data.size()) != static_cast<ssize_t>(data.size())) {
+        throw std::runtime_error("cannot write " + root);
+      }
+      ::close(fd);
+    }
+    const std::string path = WorkspacePath("progress.tar");
+    const std::string make = "tar -cf " + Quoted(path) + " -C " + Quoted(root) + " .";
+    if (std::system(make.c_str()) != 0) {
+      throw std::runtime_error("cannot make " + path);
+    }
+    return path;
+  }();
+  const std::string destination = WorkspacePath(progress ? "with_progress" : "without_progress");
+  const std::string clear = "rm -rf " + Quoted(destination) + " && mkdir " + Quoted(destination);
+  std::vector<std::string> args = {DRXFS_PATH, "tar",
+                                   "extract",  progress ? "--progress" : "--no-progress",
+                                   archive,    destination};
+  std::vector<char*> argv;
+  for (std::string& arg : args) {
+    argv.push_back(arg.data());
+  }
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  for (auto _ : state) {
+    state.PauseTiming();
+    if (std::system(clear.c_str()) != 0) {
+      state.SkipWithError("cannot clear the destination");
+      break;
+    }
+    state.ResumeTiming();
+    pid_t pid = -1;
+    int status = 0;
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0 ||
+        ::waitpid(pid, &status, 0) != pid || status != 0) {
+      state.SkipWithError("drxfs failed");
+      break;
+    }
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  state.SetBytesProcessed(state.iterations() * (std::int64_t{64} << 20));
+}
+#endif
+
 }  // namespace
 
 void RegisterTarBenchmarks() {
@@ -270,6 +327,15 @@ void RegisterTarBenchmarks() {
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime();
   }
+#ifdef DRXFS_PATH
+  for (const bool progress : {false, true}) {
+    benchmark::RegisterBenchmark(
+        progress ? "Extract/drxfs_progress" : "Extract/drxfs",
+        [progress](benchmark::State& state) { RunDrxfsExtract(state, progress); })
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+  }
+#endif
   for (const bool spawn : {false, true}) {
     benchmark::RegisterBenchmark(spawn ? "Start/posix_spawn" : "Start/fork_exec",
                                  [spawn](benchmark::State& state) { RunStart(state, spawn); })

@@ -39,6 +39,7 @@ PAIRS = [
     ("FileList100k/StreamingTarApi", "FileList100k/popen_tar", 0.80),
     ("FileList300/StreamingTarApi_1GiB_caller", "FileList300/StreamingTarApi", 1.10),
     ("FileList300/TarApi_1GiB_caller", "FileList300/TarApi", None),
+    ("Extract/drxfs_progress", "Extract/drxfs", 1.02),
     ("Start/fork_exec", "Start/posix_spawn", None),
     ("Usage/GetPercentageUsed", "Usage/statfs", None),
     ("Usage/GetFileSystemUsedSize", "Usage/statfs", None),

@@ -1,13 +1,19 @@
 // drxfs: what the commands share: their registration, their failures and their output.
 #pragma once
 
+#include <sys/types.h>
+
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace drn::drxfs {
@@ -111,5 +117,35 @@ nlohmann::json JsonName(const std::string& name);
 
 // Writes value to standard output as one line of JSON.
 void PrintJson(const nlohmann::json& value);
+
+// The operator's view of an extraction: while it lives (when show), a few times a second one line
+// on standard error, rewritten with '\r': the per cent of the archive tar has read, the bytes,
+// the rate and the time left. Finish (or the destructor) ends the line with a newline.
+class ExtractionProgress {
+ public:
+  ExtractionProgress(const std::string& archive, bool show);
+  ~ExtractionProgress();
+  ExtractionProgress(const ExtractionProgress&) = delete;
+  ExtractionProgress& operator=(const ExtractionProgress&) = delete;
+
+  // Stops the updates and shows the last line: the whole archive when complete.
+  void Finish(bool complete);
+
+ private:
+  std::uint64_t ReadPosition();
+  void Show(std::uint64_t done, bool last);
+
+  dev_t device = 0;
+  ino_t inode = 0;
+  std::uint64_t total = 0;
+  std::uint64_t position = 0;
+  std::string positionFile;  // /proc/PID/fdinfo/FD of tar's archive descriptor, once found
+  std::size_t shownLength = 0;
+  std::chrono::steady_clock::time_point start;
+  std::mutex mutex;
+  std::condition_variable stopped;
+  bool finished = false;
+  std::thread worker;
+};
 
 }  // namespace drn::drxfs

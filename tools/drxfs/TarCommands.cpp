@@ -1,4 +1,6 @@
 // drxfs tar list and tar extract: the library's Untar over TarApi or StreamingTarApi.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cmath>
@@ -9,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "AtomicUntar.h"
 #include "Command.h"
 #include "Path.h"
 #include "StreamingTarApi.h"
@@ -28,6 +31,8 @@ struct TarOptions {
   std::string destination;
   std::string runner = kStreamingRunner;
   double timeoutSeconds = 0;  // 0: none
+  bool atomic = false;
+  int progress = -1;  // -1: when standard error is a terminal
 };
 
 void AddRunnerOptions(CLI::App& command, TarOptions& options) {
@@ -104,7 +109,9 @@ void AddExtractCommand(CLI::App& tar, Commands& commands) {
   CLI::App* command =
       tar.add_subcommand("extract", "Extract the archive into DESTINATION, an existing directory");
   command->add_option("ARCHIVE", options->archive, "The tar archive")->required();
-  command->add_option("DESTINATION", options->destination, "The directory to extract into")
+  command
+      ->add_option("DESTINATION", options->destination,
+                   "The directory to extract into (with --atomic, the one to replace)")
       ->required();
   AddRunnerOptions(*command, *options);
   command
@@ -118,13 +125,40 @@ void AddExtractCommand(CLI::App& tar, Commands& commands) {
       throw CLI::ValidationError("--timeout", "needs the streaming runner");
     }
   });
+  command->add_flag("--atomic", options->atomic,
+                    "Install the archive whole: extract beside DESTINATION (which need not exist), "
+                    "make it durable, then put it in DESTINATION's place, so that a power cut "
+                    "leaves the old tree or the new one; refused up front when it does not fit");
+  command->add_flag_callback(
+      "--progress", [options] { options->progress = 1; },
+      "Show the per cent of the archive read, bytes, rate and time left on standard error (the "
+      "default when it is a terminal)");
+  command->add_flag_callback(
+      "--no-progress", [options] { options->progress = 0; }, "Show no progress");
   commands.push_back(
       {command, [options] {
-         Require(options->destination, Expect::Directory);
+         if (!options->atomic) {
+           Require(options->destination, Expect::Directory);
+         }
          Untar untar = OpenArchive(*options);
-         const int status = ForPath(options->archive, [&] {
-           return untar.Extract(std::make_shared<Path>(ForTar(options->destination)));
-         });
+         const std::string destination = ForTar(options->destination);
+         const bool show =
+             options->progress < 0 ? ::isatty(STDERR_FILENO) != 0 : options->progress != 0;
+         ExtractionProgress progress(options->archive, show);
+         if (options->atomic) {
+           AtomicUntar install(std::make_shared<Path>(ForTar(options->archive)),
+                               MakeRunner(*options));
+           const bool done = install.Install(destination);
+           progress.Finish(done);
+           if (!done) {
+             ThrowOnLibraryError(options->destination);
+             throw Failure(options->destination, Reason("not installed", errno));
+           }
+           return;
+         }
+         const int status = ForPath(
+             options->archive, [&] { return untar.Extract(std::make_shared<Path>(destination)); });
+         progress.Finish(status == 0);
          if (status == 0) {
            return;
          }

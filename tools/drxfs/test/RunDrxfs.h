@@ -10,8 +10,6 @@
 
 #include "TestHelpers.h"
 
-extern char** environ;
-
 namespace drn::testing {
 
 struct DrxfsResult {
@@ -59,22 +57,16 @@ class DrxfsProcess {
       : outPath(setting.stdoutPath.empty() ? io / "stdout" : setting.stdoutPath) {
     args.insert(args.begin(),
                 setting.unprivileged ? ReachableDrxfs() / "drxfs" : std::string(DRXFS_PATH));
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-      if (std::strncmp(*entry, "DRX_LOG_LEVEL=", 14) != 0 &&
-          (!setting.unprivileged || std::strncmp(*entry, "LD_LIBRARY_PATH=", 16) != 0)) {
-        environment.emplace_back(*entry);
-      }
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+      argv.push_back(arg.data());
     }
-    if (setting.unprivileged) {
-      environment.push_back("LD_LIBRARY_PATH=" + ReachableDrxfs().Path());
-    }
-    std::vector<char*> argv = Pointers(args);
-    std::vector<char*> envp = Pointers(environment);
+    argv.push_back(nullptr);
     const std::string inPath = io.WriteFile("stdin", setting.input);
     pid = ::fork();
     if (pid == 0) {
-      // Files are opened before privileges go, in a directory only root may write to.
+      // Files are opened before privileges go, in a directory only root may write to. The test
+      // process is single-threaded, so the child may change its environment.
       const int given = setting.inputDescriptor;
       const int in = given == -1 ? ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC) : given;
       const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -83,13 +75,15 @@ class DrxfsProcess {
           (given == kClosedInput ? ::close(0) == 0 : in >= 0 && ::dup2(in, 0) == 0) && out >= 0 &&
           err >= 0 && ::dup2(out, 1) == 1 && ::dup2(err, 2) == 2 &&
           (setting.workingDirectory.empty() || ::chdir(setting.workingDirectory.c_str()) == 0) &&
+          ::unsetenv("DRX_LOG_LEVEL") == 0 &&
           (!setting.unprivileged ||
-           (::setgroups(0, nullptr) == 0 && ::setgid(kUnprivilegedId) == 0 &&
+           (::setenv("LD_LIBRARY_PATH", ReachableDrxfs().Path().c_str(), 1) == 0 &&
+            ::setgroups(0, nullptr) == 0 && ::setgid(kUnprivilegedId) == 0 &&
             ::setuid(kUnprivilegedId) == 0));
       // drxfs starts with descriptors 0 to 2 alone, whatever the test runner left open.
       ::close_range(3, ~0U, 0);
       if (ready) {
-        ::execve(argv[0], argv.data(), envp.data());
+        ::execv(argv[0], argv.data());
       }
       ::_exit(127);
     }
@@ -123,15 +117,6 @@ class DrxfsProcess {
   }
 
  private:
-  static std::vector<char*> Pointers(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& text : strings) {
-      pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-  }
-
   TempDir io;
   std::string outPath;
   pid_t pid = -1;

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -218,9 +219,11 @@ DRX_INTERPOSE(read, (int fd, void* buffer, size_t count), (fd, buffer, count))
 DRX_INTERPOSE(readdir, (DIR* dir), (dir))
 DRX_INTERPOSE(remove, (const char* path), (path))
 DRX_INTERPOSE(rename, (const char* from, const char* to), (from, to))
+DRX_INTERPOSE(renameat2, (int fromDir, const char* from, int toDir, const char* to, unsigned int flags), (fromDir, from, toDir, to, flags))
 DRX_INTERPOSE(socketpair, (int domain, int type, int protocol, int fds[2]), (domain, type, protocol, fds))
 DRX_INTERPOSE(stat, (const char* path, struct stat* buffer), (path, buffer))
 DRX_INTERPOSE(statfs, (const char* path, struct statfs* buffer), (path, buffer))
+DRX_INTERPOSE(statvfs, (const char* path, struct statvfs* buffer), (path, buffer))
 DRX_INTERPOSE(syncfs, (int fd), (fd))
 DRX_INTERPOSE(system, (const char* command), (command))
 DRX_INTERPOSE(waitpid, (pid_t pid, int* status, int options), (pid, status, options))

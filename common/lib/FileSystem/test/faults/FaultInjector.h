@@ -30,9 +30,11 @@ namespace drn::faults {
   X(memfd_create, EMFILE, ENOMEM) X(open, EACCES, EMFILE, ENOSPC, EINTR, EIO)                      \
   X(opendir, EACCES, EMFILE, ENOMEM) X(pidfd_open, EMFILE, ENOMEM) X(pipe2, EMFILE, ENFILE)        \
   X(poll, EINTR, ENOMEM) X(prctl, EINVAL) X(read, EIO, EINTR, EAGAIN) X(readdir, EIO)              \
-  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(signalfd, EMFILE, ENOMEM)         \
+  X(remove, EACCES, EIO, EBUSY) X(rename, EACCES, EIO, ENOSPC) X(renameat2, EINVAL, EIO, ENOSPC)  \
+  X(signalfd, EMFILE, ENOMEM)                                                                      \
   X(socketpair, EMFILE, ENFILE)                                                                    \
-  X(stat, EACCES, EIO, ENOMEM) X(statfs, EACCES, EIO, EINTR) X(syncfs, EIO, ENOSPC)                \
+  X(stat, EACCES, EIO, ENOMEM) X(statfs, EACCES, EIO, EINTR) X(statvfs, EACCES, EIO)               \
+  X(syncfs, EIO, ENOSPC)                                                                           \
   X(system, EAGAIN, ENOMEM) X(waitpid, EINTR, ECHILD) X(write, EIO, ENOSPC, EINTR)
 // clang-format on
 

@@ -15,6 +15,7 @@
 
 #include "../FileTestSupport.h"
 #include "AtomicFile.h"
+#include "AtomicUntar.h"
 #include "Directory.h"
 #include "DurableLinuxApi.h"
 #include "FaultInjector.h"
@@ -190,6 +191,7 @@ const std::vector<Row>& Rows() {
     {"GetDirectorySize", F::opendir, kAny, 3, 0, "300"},
     {"GetDirectorySize", F::stat, kAny, 0, 0, "300"},
     {"GetDirectorySize", F::readdir, kAny, 0, 0, {}, "", {}, kAnyResult},
+    {"^AtomicUntar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file", {"Impl 3/0x8027: path is not a file: {a}"}},
     {"GetFileSystemUsedSize", F::statfs, kAny, 0, 0, "0", "", {"GetFileSystemUsedSize 3/0x8010: failed to open path with {n}"}},
     {"GetPercentageUsed", F::statfs, kAny, 0, 0, "0", "", {"GetPercentageUsed 3/0x8010: failed to open / with {e}({n})"}},
     {"^Untar", F::access, kOpen, 1, ENOENT, {}, "runtime_error: Path is not a file", {"Impl 3/0x8027: path is not a file: {a}"}},
@@ -249,6 +251,8 @@ struct Operation {
   std::string tar = {};
   std::function<Outcome(const std::string& output, int status)> ran = {};
   std::optional<std::string> output = {};
+  // What the rows expect, made into what this operation's contract gives, where rows cannot say.
+  std::function<Expected(const Point&, Expected)> expect = {};
 };
 
 const std::string kOriginal = "abcdefghijklmnop", kData = "0123456789A";
@@ -608,6 +612,58 @@ Operation Extract(bool streaming) {
       [](const std::string&, int status) { return Outcome{std::to_string(status)}; });
 }
 
+// AtomicUntar::Install of the shared archive over a tree holding "old": whatever call fails, the
+// destination is the whole old tree or the whole new one. false comes with errno and a level-3
+// record last; true with the new tree, and anything left beside it only after a level-4 record.
+Operation AtomicInstall() {
+  Operation operation{"AtomicUntar::Install",
+                      [](const TempDir& dir, Outcome& out) {
+                        dir.WriteFile("app/old", "old");
+                        Shared().phase = kOpen;
+                        AtomicUntar install(std::make_shared<Path>(Archive()));
+                        Shared().phase = kUse;
+                        errno = 0;
+                        out.result = Flag(install.Install(dir / "app"));
+                        out.errorAfter = errno;
+                      },
+                      [](const TempDir& dir) { return Joined(testing::ListTree(dir.Path())); }};
+  operation.expect = [](const Point& point, Expected fromRows) {
+    if (!fromRows.exception.empty()) {
+      return fromRows;
+    }
+    Expected expected;
+    expected.checkDecides = true;
+    expected.mayNotFire = true;
+    // After a failed wait the runner leaves its child for nobody to reap.
+    expected.childMayRemain = point.function == Function::waitpid;
+    expected.check = [](const Outcome& got) {
+      const std::string content =
+          std::regex_replace(got.content, std::regex("\\.app\\.[a-z]+-[a-z0-9]{6}[^;]*;"), "");
+      const bool left = content != got.content;
+      const bool oldTree = content == "app;app/old;";
+      const bool newTree = content == "app;app/dir;app/dir/two;app/one;";
+      const std::string last = got.records.empty() ? "" : got.records.back();
+      std::string problem;
+      if (!got.exception.empty()) {
+        problem = oldTree && !left && got.exception.rfind("runtime_error: ", 0) == 0
+                      ? ""
+                      : "threw " + got.exception + " and left " + got.content;
+      } else if (got.result == "true") {
+        problem = newTree && (!left || last.find(" 4/0x8027: the old tree") != std::string::npos)
+                      ? ""
+                      : "installed, but left " + got.content;
+      } else if (!(oldTree || newTree) || left) {
+        problem = "failed, and left " + got.content;
+      } else if (got.errorAfter == 0 || last.find("3/0x8027: installing ") == std::string::npos) {
+        problem = "failed with errno " + std::to_string(got.errorAfter) + " after " + last;
+      }
+      return problem;
+    };
+    return expected;
+  };
+  return operation;
+}
+
 // Every operation of the library that the sweep covers; adding one is adding an entry.
 std::vector<Operation> Operations() {
   std::vector<Operation> operations;
@@ -727,7 +783,7 @@ std::vector<Operation> Operations() {
               }
             },
             "tar -tf {d}/fifo.tar", Listed, "", true),
-        FileList(true), Extract(true)}) {
+        FileList(true), Extract(true), AtomicInstall()}) {
     operations.push_back(std::move(operation));
   }
   return operations;
@@ -750,6 +806,9 @@ bool RunPoint(const Operation& operation, const Point& point, const Outcome& bas
       const bool fired = Shared().fired;
       Reset();
       Expected expected = ExpectedOf(operation, point, baseline);
+      if (operation.expect) {
+        expected = operation.expect(point, std::move(expected));
+      }
       if (quiet) {
         // An outcome of several forms is told apart by its records: only their absence counts.
         expected.records.clear();
