@@ -166,17 +166,6 @@ def judge_records(lines, data):
     return acked, lost, foreign
 
 
-def check_acks(args):
-    """Prints 'acked=A lost=L foreign=F size=S' for a console of acknowledgements and the file
-    recovered from the card."""
-    data = b""
-    if os.path.exists(args.data):
-        with open(args.data, "rb") as data_file:
-            data = data_file.read()
-    acked, lost, foreign = judge_records(ack_lines(args.acks), data)
-    print(f"acked={acked} lost={lost} foreign={foreign} size={len(data)}")
-
-
 def make_version(number):
     header = f"version {number}\n".encode()
     size = 700 if number % 2 == 0 else 37000
@@ -202,16 +191,6 @@ def judge_versions(lines, data):
             version, complete = int(match[1]), True
     kept = complete and (last < 0 or (version != "none" and version >= last))
     return acked, 0 if kept else 1, 0 if complete else max(len(data), 1), version, last
-
-
-def check_versions(args):
-    """Prints 'acked=A lost=L foreign=F version=V last=N' (see judge_versions)."""
-    data = None
-    if os.path.exists(args.data):
-        with open(args.data, "rb") as data_file:
-            data = data_file.read()
-    acked, lost, foreign, version, last = judge_versions(ack_lines(args.acks), data)
-    print(f"acked={acked} lost={lost} foreign={foreign} version={version} last={last}")
 
 
 # What fsck.fat -n may find on a card cut while a file grew or was replaced, none of it a loss of
@@ -247,17 +226,6 @@ def fat_findings(text):
         else:
             unexplained.append(f"{entry}: {line}" if entry else line)
     return leftovers, temporary, unexplained
-
-
-def fat_report(args):
-    """Prints 'leftovers=yes|no temporary=yes|no' for a fsck.fat -n report and fails, printing
-    them, when it holds findings of any other kind."""
-    with open(args.report, encoding="utf-8", errors="replace") as report:
-        leftovers, temporary, unexplained = fat_findings(report.read())
-    print(f"leftovers={'yes' if leftovers else 'no'} temporary={'yes' if temporary else 'no'}")
-    for line in unexplained:
-        print(f"unexplained: {line}", file=sys.stderr)
-    return 1 if unexplained else 0
 
 
 class ExFat:
@@ -442,10 +410,9 @@ def extract(fs, path, name, scratch):
     if os.path.exists(scratch):
         os.unlink(scratch)
     if fs == "ext4":
-        _, stat = run(["debugfs", "-R", f"stat /{name}", path])
-        if "Inode:" not in stat:
+        _, report = run(["debugfs", "-R", f"dump /{name} {scratch}", path])
+        if "File not found" in report:
             return None, 0
-        run(["debugfs", "-R", f"dump /{name} {scratch}", path])
     else:
         run(["mcopy", "-n", "-i", path, f"::/{name}", scratch])
     if not os.path.exists(scratch):
@@ -769,17 +736,6 @@ def main():
     command.add_argument("console")
     command.add_argument("binaries", nargs="+")
     command.set_defaults(run=suite_results)
-    command = commands.add_parser("acks")
-    command.add_argument("acks")
-    command.add_argument("data")
-    command.set_defaults(run=check_acks)
-    command = commands.add_parser("versions")
-    command.add_argument("acks")
-    command.add_argument("data")
-    command.set_defaults(run=check_versions)
-    command = commands.add_parser("fatreport")
-    command.add_argument("report")
-    command.set_defaults(run=fat_report)
     command = commands.add_parser("flushes")
     command.add_argument("log")
     command.set_defaults(run=log_flushes)
