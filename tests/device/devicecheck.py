@@ -2,6 +2,7 @@
 """Host side of the emulated-device runs: module load order, the suite's results, the writers'
 acknowledgements against the file recovered from the card, and replay of a write log."""
 import argparse
+import mmap
 import os
 import random
 import re
@@ -201,11 +202,12 @@ FAT_LEFTOVERS = re.compile(
     r"|Free cluster summary wrong|FATs differ but appear to be intact|Using first FAT"
     r"|Reclaimed \d+ unused clusters|Auto-correcting\.")
 # And on a temporary file of AtomicFile's cut while it was fsynced: FAT's fsync writes the file's
-# directory entry before the FAT, so the entry can name a cluster the FAT still shows free.
+# directory entry before the FAT, so the entry can name a cluster the FAT still shows free (or,
+# with a FAT sector torn, a chain that ends early).
 TEMPORARY = re.compile(r"^/(.*/)?\.[^/]+\.[A-Za-z0-9]{6}$")
 TEMPORARY_DAMAGE = re.compile(
     r"Contains a free cluster \(\d+\)\. Assuming EOF\."
-    r"|File size is \d+ bytes, cluster chain length is 0 bytes\.|Truncating file to 0 bytes\.")
+    r"|File size is \d+ bytes, cluster chain length is \d+ bytes\.")
 
 
 def fat_findings(text):
@@ -243,7 +245,7 @@ class ExFat:
         self.sector = 1 << boot[0x6C]
         self.cluster = self.sector << boot[0x6D]
         self.bitmap = None
-        for entry in self.entries(root, True, None):
+        for entry in self.entries(root, False, None):
             if entry[0] == 0x81:
                 first, length = struct.unpack_from("<IQ", entry, 20)
                 self.bitmap = self.read(first, True, length, length)
@@ -328,28 +330,33 @@ class ExFat:
 
 
 # What fsck.exfat -n may find on a card cut while a file grew or was replaced, none of it a loss
-# of data the writer was told was kept (the dirty flag is cleared first, as an unmount would).
-EXFAT_LEFTOVERS = re.compile(
-    r"cluster is already allocated for other file.*|"
-    r".*: more clusters are allocated\. truncate to \d+ bytes.*|"
-    r".*: valid size \d+ greater than size \d+.*|"
-    r"free cluster count is different.*|"
-    r".*Fix \(y/N\)\? n")
+# of data the writer was told was kept (the dirty bit is cleared first, as an unmount would).
+EXFAT_LEFTOVERS = re.compile(r"free cluster count is different.*|.*: more clusters are allocated.*")
+# And on an AtomicFile temporary file cut while it was synced, as on FAT: its entry names a
+# cluster the allocation bitmap still shows free.
+EXFAT_TEMPORARY_DAMAGE = re.compile(
+    r"ERROR: /(.*/)?\.[^/]+\.[A-Za-z0-9]{6}: cluster 0x[0-9a-f]+ is marked as free at 0x[0-9a-f]+\."
+    r" Truncate \(y/N\)\? n")
 
 
 def exfat_findings(text):
-    leftovers, unexplained = False, []
+    """(leftovers, temporary damaged, unexplained findings) of a fsck.exfat -n report."""
+    leftovers = temporary = False
+    unexplained = []
     for line in text.splitlines():
         line = line.strip()
-        if (not line or line.startswith("exfatprogs version") or re.match(r"^\S+: clean\.", line)
-                or re.match(r"^\S+: checking stopped\. directories \d+, files \d+$", line)
-                or re.match(r"^\S+: corrupted\. directories \d+, files \d+$", line)):
+        if (not line or line.startswith("exfatprogs version")
+                or re.match(r"^\S+: (clean|corrupted|checking stopped)\. directories \d+, files \d+$",
+                            line)
+                or re.match(r"^\S+: files corrupted \d+, files fixed \d+$", line)):
             continue
-        if EXFAT_LEFTOVERS.fullmatch(line):
+        if EXFAT_TEMPORARY_DAMAGE.fullmatch(line):
+            temporary = True
+        elif EXFAT_LEFTOVERS.fullmatch(line):
             leftovers = True
         else:
             unexplained.append(line)
-    return leftovers, unexplained
+    return leftovers, temporary, unexplained
 
 
 def run(command):
@@ -392,7 +399,7 @@ def recover(fs, path, verdict):
     else:
         status, verdict.report = run(["fsck.exfat", "-n", path])
         if status != 0:
-            verdict.leftovers, unexplained = exfat_findings(verdict.report)
+            verdict.leftovers, verdict.damaged, unexplained = exfat_findings(verdict.report)
             verdict.clean = not unexplained
 
 
@@ -401,12 +408,13 @@ def extract(fs, path, name, scratch):
     also the number of its clusters the allocation bitmap shows free."""
     freed = 0
     if fs == "exfat":
-        with open(path, "rb") as image:
-            card = ExFat(image.read())
-        entry = card.lookup(name)
-        if entry is None or entry[0]:
-            return None, 0
-        return card.read(entry[1], entry[2], entry[4], entry[3]), card.free_clusters(entry)
+        with open(path, "rb") as image, mmap.mmap(image.fileno(), 0,
+                                                  access=mmap.ACCESS_READ) as view:
+            card = ExFat(view)
+            entry = card.lookup(name)
+            if entry is None or entry[0]:
+                return None, 0
+            return card.read(entry[1], entry[2], entry[4], entry[3]), card.free_clusters(entry)
     if os.path.exists(scratch):
         os.unlink(scratch)
     if fs == "ext4":
@@ -424,10 +432,11 @@ def extract(fs, path, name, scratch):
 def temporaries(fs, path, directory):
     """How many of AtomicFile's temporary files the card's directory holds."""
     if fs == "exfat":
-        with open(path, "rb") as image:
-            card = ExFat(image.read())
-        entry = card.lookup(directory)
-        names = card.directory(entry[1], entry[2], entry[4]) if entry and entry[0] else {}
+        with open(path, "rb") as image, mmap.mmap(image.fileno(), 0,
+                                                  access=mmap.ACCESS_READ) as view:
+            card = ExFat(view)
+            entry = card.lookup(directory)
+            names = card.directory(entry[1], entry[2], entry[4]) if entry and entry[0] else {}
         text = "\n".join(names)
     elif fs == "ext4":
         _, text = run(["debugfs", "-R", f"ls /{directory}", path])
