@@ -290,10 +290,11 @@ INSTANTIATE_TEST_SUITE_P(
         Prints({"path", "@/out"}, "@/out: exists=yes directory=yes basename=\"out\"\n"),
         Prints({"path", "--json", "@/file"},
                R"({"path": "@/file", "exists": true, "directory": false, "basename": "file"})"),
-        // Names that are not UTF-8 are written as their bytes; tar writes them escaped.
+        // Names that are not UTF-8 are written as their bytes; tar writes them escaped. exFAT
+        // keeps names in UTF-16, where such a name has no spelling of its own.
         Prints({"path", "--json", "\xff"},
                R"({"path": [255], "exists": false, "directory": false, "basename": [255]})",
-               kInTree),
+               kInTree | kUnixOnly),
         Prints({"tar", "list", "--json", "\xff.tar"},
                R"({"archive": [255, 46, 116, 97, 114], "entries": ["f\\377\\376.txt", "été.txt"]})",
                kInTree | kUnixOnly),

@@ -75,12 +75,13 @@ class TempDir {
   std::string root;
 };
 
-// Whether path lies on a FAT file system (an SD card's usual format), which keeps no owners,
-// permission bits or symbolic links and refuses some characters in names. Tests that need those
-// skip there: GTEST_SKIP() << "FAT has no ..." when OnFat(dir.Path()).
+// Whether path lies on FAT32 or exFAT (an SD card's usual formats, exFAT above 32 GB), which
+// keep no owners, permission bits or symbolic links and refuse some characters in names. Tests
+// that need those skip there: GTEST_SKIP() << "FAT has no ..." when OnFat(dir.Path()).
 inline bool OnFat(const std::string& path) {
   struct statfs stats {};
-  return ::statfs(path.c_str(), &stats) == 0 && stats.f_type == MSDOS_SUPER_MAGIC;
+  return ::statfs(path.c_str(), &stats) == 0 &&
+         (stats.f_type == MSDOS_SUPER_MAGIC || stats.f_type == EXFAT_SUPER_MAGIC);
 }
 
 inline std::string ReadWholeFile(const std::string& path) {
