@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -34,9 +35,9 @@ std::vector<std::string> Descendants(const std::string& pid) {
 }
 
 std::string Clock(double seconds) {
-  const auto whole = static_cast<long>(seconds + 0.5);
+  const long whole = std::lround(seconds);
   char text[32];
-  std::snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
+  static_cast<void>(std::snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60));
   return text;
 }
 

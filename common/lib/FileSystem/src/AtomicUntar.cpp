@@ -54,7 +54,7 @@ bool StartsWith(std::string_view text, std::string_view prefix) {
 }  // namespace
 
 struct AtomicUntar::Impl {
-  Impl(std::shared_ptr<PathIF> archive, std::shared_ptr<TarApi> tarRunner,
+  Impl(const std::shared_ptr<PathIF>& archive, std::shared_ptr<TarApi> tarRunner,
        std::unique_ptr<LinuxApiIF> api, std::shared_ptr<SystemCallWrapper> calls)
       : runner(tarRunner ? std::move(tarRunner) : std::make_shared<StreamingTarApi>()),
         untar(archive, runner),
@@ -214,7 +214,7 @@ bool AtomicUntar::Impl::SyncTree(const std::string& path) {
       return false;
     }
     for (const std::string& name : names) {
-      if (!SyncTree(path + "/" + name)) {
+      if (!SyncTree(std::string(path).append("/").append(name))) {
         return false;
       }
     }
@@ -264,7 +264,7 @@ bool AtomicUntar::Impl::RemoveTree(const std::string& path) {
       return false;
     }
     for (const std::string& name : names) {
-      if (!RemoveTree(path + "/" + name)) {
+      if (!RemoveTree(std::string(path).append("/").append(name))) {
         return false;
       }
     }
@@ -339,10 +339,12 @@ bool AtomicUntar::Impl::Tidy(const Target& target) {
   return true;
 }
 
+// The archive is taken by value, as Untar takes it, though only Untar's copy is kept.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 AtomicUntar::AtomicUntar(std::shared_ptr<PathIF> archive, std::shared_ptr<TarApi> runner,
                          std::unique_ptr<LinuxApiIF> linuxApi,
                          std::shared_ptr<SystemCallWrapper> systemCalls)
-    : impl(std::make_unique<Impl>(std::move(archive), std::move(runner), std::move(linuxApi),
+    : impl(std::make_unique<Impl>(archive, std::move(runner), std::move(linuxApi),
                                   std::move(systemCalls))) {}
 
 AtomicUntar::~AtomicUntar() = default;
