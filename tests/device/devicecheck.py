@@ -195,10 +195,12 @@ def judge_versions(lines, data):
 
 
 # What fsck.fat -n may find on a card cut while a file grew or was replaced, none of it a loss of
-# data the writer was told was kept: clusters allocated beyond a file's size, clusters of a
-# replaced content not yet marked free, a stale free-cluster hint, a second FAT behind the first.
+# data the writer was told was kept: clusters allocated beyond a file's size, an entry whose size
+# already counts the tail being synced when the cut came (FAT's fsync may write the entry before
+# the FAT; the acknowledged bytes are checked apart), clusters of a replaced content not yet
+# marked free, a stale free-cluster hint, a second FAT behind the first.
 FAT_LEFTOVERS = re.compile(
-    r"File size is \d+ bytes, cluster chain length is > \d+ bytes\.|Truncating file to \d+ bytes\."
+    r"File size is \d+ bytes, cluster chain length is >? ?\d+ bytes\.|Truncating file to \d+ bytes\."
     r"|Free cluster summary wrong|FATs differ but appear to be intact|Using first FAT"
     r"|Reclaimed \d+ unused clusters|Auto-correcting\.")
 # And on a temporary file of AtomicFile's cut while it was fsynced: FAT's fsync writes the file's
