@@ -202,7 +202,7 @@ def judge_versions(lines, data):
 FAT_LEFTOVERS = re.compile(
     r"File size is \d+ bytes, cluster chain length is >? ?\d+ bytes\.|Truncating file to \d+ bytes\."
     r"|Free cluster summary wrong|FATs differ but appear to be intact|Using first FAT"
-    r"|Reclaimed \d+ unused clusters|Auto-correcting\.")
+    r"|Reclaimed \d+ unused clusters?|Auto-correcting\.")
 # And on a temporary file of AtomicFile's cut while it was fsynced: FAT's fsync writes the file's
 # directory entry before the FAT, so the entry can name a cluster the FAT still shows free (or,
 # with a FAT sector torn, a chain that ends early).
