@@ -75,6 +75,7 @@ struct AtomicUntar::Impl {
   bool Fail(const std::string& what, int error);
   bool Fits(const Target& target);
   bool MakeInstallDirectory(const Target& target, std::string& suffix);
+  bool Sync(const std::string& path, int flags, bool fileSystem);
   bool SyncTree(const std::string& path);
   bool SyncDirectory(const std::string& path);
   bool SyncFileSystem(const std::string& path);
@@ -190,17 +191,22 @@ bool AtomicUntar::Impl::List(const std::string& directory, std::vector<std::stri
   return error == 0 ? true : Fail("reading the directory " + directory, error);
 }
 
-bool AtomicUntar::Impl::SyncDirectory(const std::string& path) {
-  const int fd = linuxApi->open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+// Opens path with flags, syncs it (its whole file system when fileSystem is set) and closes it.
+bool AtomicUntar::Impl::Sync(const std::string& path, int flags, bool fileSystem) {
+  const int fd = linuxApi->open(path.c_str(), O_RDONLY | flags | O_CLOEXEC);
   if (fd < 0) {
     return Fail("opening " + path + " to sync it", errno);
   }
-  if (linuxApi->fsync(fd) != 0) {
+  if ((fileSystem ? linuxApi->syncfs(fd) : linuxApi->fsync(fd)) != 0) {
     const int error = errno;
     linuxApi->close(fd);
-    return Fail("fsync of " + path, error);
+    return Fail((fileSystem ? "syncfs of " : "fsync of ") + path, error);
   }
   return linuxApi->close(fd) == 0 ? true : Fail("close of " + path, errno);
+}
+
+bool AtomicUntar::Impl::SyncDirectory(const std::string& path) {
+  return Sync(path, O_DIRECTORY, false);
 }
 
 bool AtomicUntar::Impl::SyncTree(const std::string& path) {
@@ -223,29 +229,11 @@ bool AtomicUntar::Impl::SyncTree(const std::string& path) {
   if (!S_ISREG(status.st_mode)) {
     return true;  // links and nodes live in their directory's entries
   }
-  const int fd = linuxApi->open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) {
-    return Fail("opening " + path + " to sync it", errno);
-  }
-  if (linuxApi->fsync(fd) != 0) {
-    const int error = errno;
-    linuxApi->close(fd);
-    return Fail("fsync of " + path, error);
-  }
-  return linuxApi->close(fd) == 0 ? true : Fail("close of " + path, errno);
+  return Sync(path, O_NOFOLLOW, false);
 }
 
 bool AtomicUntar::Impl::SyncFileSystem(const std::string& path) {
-  const int fd = linuxApi->open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) {
-    return Fail("opening " + path + " to sync it", errno);
-  }
-  if (linuxApi->syncfs(fd) != 0) {
-    const int error = errno;
-    linuxApi->close(fd);
-    return Fail("syncfs of " + path, error);
-  }
-  return linuxApi->close(fd) == 0 ? true : Fail("close of " + path, errno);
+  return Sync(path, O_DIRECTORY, true);
 }
 
 bool AtomicUntar::Impl::RemoveTree(const std::string& path) {
